@@ -1,0 +1,100 @@
+// Base of all trace messages: a typed, serialisable record of bus traffic or of a system event.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "libqbtrace/messageID.h"
+#include "libqbutil/utility.h"
+
+/// Time stamp of a trace message. Messages built by the transport endpoint carry 0.
+typedef uint64_t timeStamp_t;
+
+/// Base of every trace message. The serialised form (docs/wire-format.md) is a 24-byte header
+/// (magic, version, flags, identifier, time stamp, body length, header check), the body that
+/// the derived class writes (appendBody()), and an optional CRC-32 trailer.
+///
+/// Fields, in order: `invalidReason`, `rawBytes`, `msgId`, `timeStamp`.
+/// - `invalidReason` is empty for a valid message; for a message that the reader returned
+///   although its body could not be parsed (invalidHandling == IMH_RETURN_INVALID_MESSAGE)
+///   it says why, and isValid() is false.
+/// - `rawBytes` holds, for a message read from a descriptor, the exact bytes it was parsed from
+///   (header, body and trailer); it is empty for a message built in memory.
+///
+/// Thread rules: a message object is used by one thread at a time. Messages returned by
+/// TraceMessageBuffer belong to the caller, who deletes them through this class.
+class MessageBase {
+public:
+    /// What parsing returns for a well-framed message whose body is not valid for its identifier.
+    enum invalidMsgHandling_t {
+        IMH_RETURN_NULL = 0,             ///< no object: the reader refuses it with QBException
+        IMH_RETURN_INVALID_MESSAGE = 1,  ///< a RawTraceMessage with isValid() false and a reason
+    };
+
+    /// The process-wide choice (default IMH_RETURN_NULL). Set it before any reader runs; readers
+    /// read it at every message.
+    static invalidMsgHandling_t invalidHandling;
+
+    virtual ~MessageBase();
+
+    /// True unless the message was returned invalid by a reader (see invalidReason).
+    virtual bool isValid() const;
+    /// A copy of the whole message, owned by the caller.
+    virtual MessageBase* clone() const = 0;
+    /// Size in bytes of the body that appendBody() writes.
+    virtual size_t getSize() const = 0;
+    /// Appends the body of the serialised form to `out`.
+    virtual void appendBody(byteVec_t& out) const = 0;
+    /// Writes a readable one-line form of the message (no line end).
+    virtual std::ostream& print(std::ostream& os) const;
+
+    msgid_t getMessageId() const { return msgId; }
+    timeStamp_t getTimeStamp() const { return timeStamp; }
+    const byteVec_t& getRawBytes() const { return rawBytes; }
+    const std::string& getInvalidReason() const { return invalidReason; }
+
+    /// Serialises the message into `out`, replacing its contents, and returns out.size().
+    /// `withHeader` true: the complete message, as TraceMessageBuffer parses it (header, body,
+    /// and with `withChecksum` true a CRC-32 trailer over header and body). `withHeader` false:
+    /// the body alone (`withChecksum` is then ignored), for embedding in other formats.
+    /// The transport endpoint calls createByteArray(out, true, false).
+    size_t createByteArray(byteVec_t& out, bool withHeader, bool withChecksum) const;
+
+    /// Framing of the serialised form (docs/wire-format.md).
+    static constexpr size_t HEADER_SIZE = 24;
+    static constexpr size_t CHECKSUM_SIZE = 4;
+    /// Largest body a reader accepts; a header announcing more is refused before anything is
+    /// allocated for it.
+    static constexpr uint32_t MAX_BODY_SIZE = 1u << 20;
+    /// Header flag: a CRC-32 trailer follows the body.
+    static constexpr uint8_t FLAG_CHECKSUM = 0x01;
+
+    /// CRC-32 (IEEE 802.3, reflected, as zlib computes it) of `len` bytes; `crc` continues a
+    /// previous result (0 to start).
+    static uint32_t crc32(const uint8_t* data, size_t len, uint32_t crc = 0);
+
+    /// Sets the bytes the message was parsed from (used by readers).
+    void setRawBytes(byteVec_t bytes) { rawBytes = std::move(bytes); }
+    void setInvalidReason(std::string reason) { invalidReason = std::move(reason); }
+
+protected:
+    MessageBase(msgid_t id, timeStamp_t ts);
+    MessageBase(const MessageBase&) = default;
+    MessageBase& operator=(const MessageBase&) = default;
+
+    /// Version of the serialised format written in every header.
+    static const uint8_t version = 1;
+
+private:
+    std::string invalidReason;
+    byteVec_t rawBytes;
+    msgid_t msgId;
+    timeStamp_t timeStamp;
+};
+
+/// Writes msg.print(os).
+std::ostream& operator<<(std::ostream& os, const MessageBase& msg);
+/// Writes "(null)" for a null pointer, else *msg.
+std::ostream& operator<<(std::ostream& os, const MessageBase* msg);
