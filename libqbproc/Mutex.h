@@ -9,10 +9,10 @@
 /// The debug level of setDebug() is one value shared by all Mutex objects (the object has no
 /// field for it); nothing in the library reads it yet.
 class Mutex {
-public:
+  public:
     /// Attributes for Mutex(const Attr&).
     class Attr {
-    public:
+      public:
         /// pthread_mutexattr_init, then setType(type) (e.g. PTHREAD_MUTEX_RECURSIVE).
         explicit Attr(int type);
         ~Attr();
@@ -48,6 +48,6 @@ public:
     static void setDebug(unsigned int level);
     static unsigned int getDebug();
 
-private:
+  private:
     pthread_mutex_t mutex;
 };

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <sys/select.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <string>
@@ -11,7 +12,8 @@
 ///
 /// Design
 /// - start() creates one POSIX thread that calls threadCode() once. The thread runs with
-///   cancellation disabled except inside waitForInput(), the select() that worker loops wait in.
+///   cancellation disabled except inside waitForInput(), the select() that worker loops wait in,
+///   and writeCancellable(), a write that may block on a full pipe.
 ///   stop() cancels the thread and joins it, so a loop that never returns by itself (the CAN
 ///   transport loop waits in select() without a time limit when idle) ends at its next wait,
 ///   and nowhere else: never in the middle of a log line, a write to a descriptor or a status
@@ -29,7 +31,7 @@
 /// Thread rules: start(), stop() and join() are called by the owner, from one thread at a time.
 /// isRunning() and exitReason() may be called from any thread.
 class Thread {
-public:
+  public:
     Thread() : runState(NOT_STARTED) { invalidate(handle); }
 
     /// Stops and joins a thread that is still running (see stop()). A derived class whose
@@ -61,13 +63,20 @@ public:
 
     static const char* logName() { return "Thread"; }
 
-protected:
+  protected:
     /// select() for worker loops, and the only place where stop() can end the thread.
     /// Same arguments, result and errno as select().
     static int waitForInput(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
                             timeval* timeout);
 
-private:
+    /// write() for a worker that may block on a full pipe whose reader has stopped reading; the
+    /// second place where stop() can end the thread, so that such a reader cannot keep stop()
+    /// waiting. Same arguments, result and errno as write(). If stop() ends the thread while the
+    /// write blocks, part of the bytes may have been written. Call it only where no lock other
+    /// than scoped (RAII) ones is held: the stop unwinds the stack from here.
+    static ssize_t writeCancellable(int fd, const void* data, size_t size);
+
+  private:
     enum RunState { NOT_STARTED, RUNNING, ENDED };
 
     static void invalidate(pthread_t& h);

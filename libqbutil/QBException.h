@@ -18,7 +18,7 @@
 /// Copying (which a throw of a local object does) carries the text written so far and `code`;
 /// the copy's `whatText` starts empty again (it is only a cache of what()'s result).
 class QBException : public std::exception, public std::stringstream {
-public:
+  public:
     QBException();
     /// Convenience: an exception whose text starts as `text`.
     explicit QBException(const std::string& text);
@@ -40,7 +40,7 @@ public:
     /// Reads the string field (for tests of the copy rule; what() fills it on demand).
     const std::string& cachedWhat() const { return whatText; }
 
-private:
+  private:
     uint32_t code;
     mutable std::string whatText;
 };
