@@ -452,12 +452,13 @@ void CANTransportThread::processSendQueue() {
     mutexBufferLock.unlock();
 }
 
-ssize_t CANTransportThread::writeMessage(int fd, const byteVec_t& bytes) {
+ssize_t CANTransportThread::writeMessage(int fd, const byteVec_t& bytes, bool cancellable) {
     // One write of the whole message; it is repeated only when a signal interrupted it before
     // anything was written, so the message is never split by the retry.
     ssize_t result;
     do {
-        result = ::write(fd, bytes.data(), bytes.size());
+        result = cancellable ? writeCancellable(fd, bytes.data(), bytes.size())
+                             : ::write(fd, bytes.data(), bytes.size());
     } while (result == -1 && errno == EINTR);
     return result;
 }
@@ -467,8 +468,9 @@ void CANTransportThread::sendCANMessage(TPCANMsg& msg) {
     QB_DEBUG(debug > 0, "CAN write to canProxyFD: " << cmsg);
     byteVec_t buf;
     cmsg.createByteArray(buf, true, false);
-    if (writeMessage(canProxyFD, buf) == -1) {
-        QB_SYSERROR("failed to send data to the " << "CAN proxy: ");
+    if (writeMessage(canProxyFD, buf, false) == -1) {
+        QB_SYSERROR("failed to send data to the "
+                    << "CAN proxy: ");
     }
 }
 
@@ -528,7 +530,8 @@ void CANTransportThread::checkFlowControl(TPCANMsg& msg) {
                                     curSendPtr == sendQueue.front()->end();
             mutexBufferLock.unlock();
             if (noDataLeft) {
-                QB_ERROR("got READY_TO_RECEIVE but" << " have no data left that could be send.");
+                QB_ERROR("got READY_TO_RECEIVE but"
+                         << " have no data left that could be send.");
                 state |= RCTS_WAIT_FOR_FC;
                 return;
             }
@@ -661,8 +664,8 @@ void CANTransportThread::checkConsecutiveFrame(TPCANMsg& msg) {
         addReceivedData(static_cast<uint16_t>(msg.ID & 0xFFFF), &msg.DATA[1],
                         static_cast<size_t>(n));
     } else {
-        QB_ERROR("sequence counter of " << "consecutive frame wrong. Got " << sn
-                                        << " but expected " << cfCounter);
+        QB_ERROR("sequence counter of "
+                 << "consecutive frame wrong. Got " << sn << " but expected " << cfCounter);
         sendFlowControl(CTP_FC_NOT_ACKNOWLEDGE);
         receiveBuffer.clear();
     }
@@ -680,7 +683,7 @@ void CANTransportThread::addReceivedData(uint16_t canID, const uint8_t* data, si
                                      CT_STANDARD);
         byteVec_t buf;
         msg.createByteArray(buf, true, false);
-        if (writeMessage(writePipe[1], buf) == -1) {
+        if (writeMessage(writePipe[1], buf, true) == -1) {
             QB_SYSERROR("failed to write data to pipe: ");
             sendFlowControl(CTP_FC_NOT_ACKNOWLEDGE);
         } else {

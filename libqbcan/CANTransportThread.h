@@ -76,11 +76,14 @@
 /// - clear(true) may drop the payload in flight while its flow control is being handled; the
 ///   acknowledgement and ready-to-receive paths then find an empty queue and do nothing with it
 ///   instead of reading a missing element.
+/// - A payload written to an application that has stopped reading blocks the thread once the
+///   pipe is full; stop() still ends it there (the write is a point of cancellation; frames to
+///   the CAN proxy are written under mutexBufferLock and are not).
 /// - The transport thread blocks SIGPIPE for itself, so a closed CAN proxy or application pipe
 ///   makes write() fail with EPIPE (logged) instead of ending the process. Writes are resumed
 ///   after EINTR.
 class CANTransportThread : public Thread {
-public:
+  public:
     /// Status reported through the callback.
     enum statuschange_t {
         CTT_CONNECTED = 0,
@@ -145,7 +148,7 @@ public:
 
     static const char* logName() { return "CANTransportThread"; }
 
-protected:
+  protected:
     /// The transport state, a bit set.
     typedef int canState_t;
     static const canState_t RCTS_IDLE = 0;
@@ -218,9 +221,9 @@ protected:
     std::vector<uint8_t> receiveBuffer;
     msgpart_t curSendPtr;
 
-private:
+  private:
     void closePipes();
-    static ssize_t writeMessage(int fd, const byteVec_t& bytes);
+    static ssize_t writeMessage(int fd, const byteVec_t& bytes, bool cancellable);
 };
 
 /// Writes the status name ("CTT_CONNECTED", ...; "ERROR" for any other value).
