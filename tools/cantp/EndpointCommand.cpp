@@ -1,0 +1,467 @@
+#include "EndpointCommand.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ArgumentReader.h"
+#include "HexText.h"
+#include "libqbcan/CANTransportThread.h"
+#include "libqbcansim/CandumpLine.h"
+#include "libqbio/LogUtil.h"
+#include "libqbtrace/CANExtTraceMessage.h"
+#include "libqbtrace/CANTraceMessageBase.h"
+#include "libqbtrace/CANTransportTraceMessage.h"
+#include "libqbtrace/TraceMessageBuffer.h"
+#include "libqbutil/QBException.h"
+
+namespace {
+
+/// The write end of the pipe that signal handlers use to wake the main loop.
+std::atomic<int> signalPipeWriteEnd{-1};
+
+extern "C" void onStopSignal(int) {
+    const int saved = errno;
+    const int fd = signalPipeWriteEnd.load();
+    if (fd >= 0) {
+        const char byte = 's';
+        (void)!::write(fd, &byte, 1);
+    }
+    errno = saved;
+}
+
+/// Writes one whole line to std::cout (or std::cerr) under the log mutex and flushes it, so
+/// that lines of different threads never mix and a script reading the pipe sees it at once.
+void emitLine(const std::string& line, bool toError = false) {
+    std::lock_guard<std::mutex> lock(LogUtil::logMutex);
+    (toError ? std::cerr : std::cout) << line << std::endl;
+}
+
+std::string statusName(CANTransportThread::statuschange_t status) {
+    std::ostringstream text;
+    text << status;
+    return text.str();
+}
+
+bool writeAll(int fd, const byteVec_t& bytes) {
+    size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+/// Prints what the endpoint writes: frames to its CAN proxy descriptor (this process) and
+/// payloads on its application pipe.
+class OutputPump {
+  public:
+    OutputPump(int proxyReadFd, int appReadFd)
+        : proxy(proxyReadFd, nullptr),
+          app(appReadFd, nullptr),
+          proxyFd(proxyReadFd),
+          appFd(appReadFd) {
+        if (::pipe(stopPipe) != 0) {
+            throw QBException("pipe() failed: " + std::string(std::strerror(errno)));
+        }
+        worker = std::thread([this] { loop(); });
+    }
+
+    /// Stops the pump after it has printed everything already written to its descriptors.
+    void finish() {
+        if (worker.joinable()) {
+            const char byte = 'q';
+            (void)!::write(stopPipe[1], &byte, 1);
+            worker.join();
+        }
+    }
+
+    ~OutputPump() {
+        finish();
+        ::close(stopPipe[0]);
+        ::close(stopPipe[1]);
+    }
+
+  private:
+    void loop() {
+        for (;;) {
+            pollfd fds[3] = {{proxyFd, POLLIN, 0}, {appFd, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
+            const int n = ::poll(fds, 3, -1);
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            if (n < 0) {
+                emitLine(std::string("error: poll failed: ") + std::strerror(errno), true);
+                return;
+            }
+            if ((fds[0].revents & (POLLIN | POLLHUP)) != 0) {
+                pump(proxy, true);
+            }
+            if ((fds[1].revents & (POLLIN | POLLHUP)) != 0) {
+                pump(app, false);
+            }
+            if ((fds[2].revents & POLLIN) != 0) {
+                // Everything the endpoint wrote before it was stopped is in the pipes now.
+                drain(proxy, proxyFd, true);
+                drain(app, appFd, false);
+                return;
+            }
+        }
+    }
+
+    void drain(TraceMessageBuffer& buffer, int fd, bool isProxy) {
+        for (;;) {
+            pollfd p = {fd, POLLIN, 0};
+            if (::poll(&p, 1, 0) <= 0 || (p.revents & POLLIN) == 0) {
+                return;
+            }
+            if (!pump(buffer, isProxy)) {
+                return;
+            }
+        }
+    }
+
+    /// One read and everything it completes; false if nothing more can come.
+    bool pump(TraceMessageBuffer& buffer, bool isProxy) {
+        const int result = buffer.read();
+        if (result == -1) {
+            emitLine(
+                std::string("error: reading the endpoint's output failed: ") + std::strerror(errno),
+                true);
+            return false;
+        }
+        for (;;) {
+            std::unique_ptr<MessageBase> msg;
+            try {
+                msg.reset(buffer.getNextMessage());
+            } catch (const QBException& e) {
+                emitLine(std::string("error: unreadable output of the endpoint: ") + e.what(),
+                         true);
+                continue;
+            }
+            if (!msg) {
+                break;
+            }
+            if (isProxy) {
+                printFrame(*msg);
+            } else {
+                printPayload(*msg);
+            }
+        }
+        return result > 0;
+    }
+
+    static void printFrame(const MessageBase& msg) {
+        const auto* frame = dynamic_cast<const CANTraceMessageBase*>(&msg);
+        if (frame == nullptr) {
+            emitLine("error: the endpoint wrote a message that is not a CAN frame", true);
+            return;
+        }
+        timeval now;
+        ::gettimeofday(&now, nullptr);
+        const bool extended =
+            frame->getCanType() == CT_EXTENDED || frame->getCanType() == CT_FD_EXTENDED;
+        const uint8_t length = std::min<uint8_t>(frame->getNumberOfDataBytes(), 8);
+        emitLine(CandumpLine::format(static_cast<int64_t>(now.tv_sec),
+                                     static_cast<uint32_t>(now.tv_usec), "can0", frame->getCanId(),
+                                     extended, frame->getData(), length));
+    }
+
+    static void printPayload(const MessageBase& msg) {
+        const auto* payload = dynamic_cast<const CANTransportTraceMessage*>(&msg);
+        if (payload == nullptr) {
+            emitLine("error: the endpoint delivered a message that is not a payload", true);
+            return;
+        }
+        std::ostringstream line;
+        line << "recv " << std::uppercase << std::hex << std::setfill('0') << std::setw(3)
+             << payload->getCanId();
+        if (!payload->getPayload().empty()) {
+            line << ' ' << HexText::encode(payload->getPayload());
+        }
+        emitLine(line.str());
+    }
+
+    TraceMessageBuffer proxy;
+    TraceMessageBuffer app;
+    int proxyFd;
+    int appFd;
+    int stopPipe[2] = {-1, -1};
+    std::thread worker;
+};
+
+/// The endpoint with its pipes and the commands of standard input.
+class EndpointSession {
+  public:
+    EndpointSession(uint16_t id, int debugLevel) : transport(debugLevel), sendId(id) {
+        if (::pipe(proxyPipe) != 0) {
+            throw QBException("pipe() failed: " + std::string(std::strerror(errno)));
+        }
+        transport.setSendCANid(id);
+        CANTransportThread::delstatus_t onStatus = [](CANTransportThread::statuschange_t st,
+                                                      uint16_t arg) {
+            emitLine("status " + statusName(st) + " " + std::to_string(arg));
+        };
+        transport.setDelegate(onStatus);
+        transport.open(appReadFd, appWriteFd);
+        transport.setConnection(proxyPipe[1]);
+        pump.reset(new OutputPump(proxyPipe[0], appReadFd));
+        transport.start();
+    }
+
+    ~EndpointSession() {
+        transport.stop();
+        if (pump) {
+            pump->finish();
+        }
+        ::close(proxyPipe[0]);
+        ::close(proxyPipe[1]);
+    }
+
+    CANTransportThread& endpoint() { return transport; }
+
+    /// Handles one line of standard input.
+    void handleLine(const std::string& rawLine) {
+        std::string line = rawLine;
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        const size_t begin = line.find_first_not_of(" \t");
+        if (begin == std::string::npos || line[begin] == '#') {
+            return;
+        }
+        const size_t end = line.find_last_not_of(" \t");
+        const std::string text = line.substr(begin, end - begin + 1);
+        std::istringstream words(text);
+        std::string command;
+        words >> command;
+        std::string rest;
+        std::getline(words, rest);
+        const size_t restBegin = rest.find_first_not_of(" \t");
+        rest = restBegin == std::string::npos ? std::string() : rest.substr(restBegin);
+
+        if (command == "send") {
+            byteVec_t payload;
+            std::string reason;
+            if (!HexText::decode(rest, payload, reason)) {
+                emitLine("error: " + reason + ": " + rawLine, true);
+                return;
+            }
+            CANTransportTraceMessage msg(0, sendId, payload.begin(), payload.end(), CT_STANDARD);
+            submit(msg);
+        } else if (command == "clear") {
+            if (rest.empty()) {
+                transport.clear(false);
+            } else if (rest == "all") {
+                transport.clear(true);
+            } else {
+                emitLine("error: clear takes nothing or 'all': " + rawLine, true);
+            }
+        } else if (command == "empty") {
+            if (!rest.empty()) {
+                emitLine("error: empty takes no argument: " + rawLine, true);
+                return;
+            }
+            emitLine(transport.sendQueueEmpty() ? "empty true" : "empty false");
+        } else if (command == "debug") {
+            try {
+                transport.setDebugLevel(ArgumentReader::toInt("debug level", rest, -1000, 1000));
+            } catch (const UsageError& e) {
+                emitLine(std::string("error: ") + e.what() + ": " + rawLine, true);
+            }
+        } else {
+            CandumpLine frame;
+            std::string reason;
+            if (!CandumpLine::parse(text, frame, reason)) {
+                emitLine("error: " + reason + ": " + rawLine, true);
+                return;
+            }
+            const timeStamp_t stamp =
+                frame.hasTimestamp
+                    ? static_cast<timeStamp_t>(frame.seconds) * 1000000u + frame.microseconds
+                    : 0;
+            CANExtTraceMessage msg(stamp, 0, CF_STANDARD, CSE_NO,
+                                   frame.extended ? CT_EXTENDED : CT_STANDARD, frame.length,
+                                   frame.canId, frame.data.data());
+            submit(msg);
+        }
+    }
+
+  private:
+    void submit(const MessageBase& msg) {
+        byteVec_t bytes;
+        msg.createByteArray(bytes, true, false);
+        if (!writeAll(appWriteFd, bytes)) {
+            emitLine(std::string("error: writing to the endpoint failed: ") + std::strerror(errno),
+                     true);
+        }
+    }
+
+    CANTransportThread transport;
+    uint16_t sendId;
+    int proxyPipe[2] = {-1, -1};
+    int appReadFd = -1;
+    int appWriteFd = -1;
+    std::unique_ptr<OutputPump> pump;
+};
+
+enum class Wake { Input, Signal, Tick };
+
+/// Waits for standard input or a stop signal, at most `timeoutMs`.
+Wake waitForEvent(int stdinFd, int signalFd, int timeoutMs) {
+    pollfd fds[2] = {{stdinFd, POLLIN, 0}, {signalFd, POLLIN, 0}};
+    const int n = ::poll(fds, 2, timeoutMs);  // a negative descriptor is ignored
+    if (n <= 0) {
+        return Wake::Tick;
+    }
+    if ((fds[1].revents & POLLIN) != 0) {
+        return Wake::Signal;
+    }
+    if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
+        return Wake::Input;
+    }
+    return Wake::Tick;
+}
+
+}  // namespace
+
+void EndpointCommand::printHelp(std::ostream& os) {
+    os << "Usage: cantp endpoint [--id ID] [--can stdio] [--debug N]\n"
+          "\n"
+          "Runs one CAN transport endpoint driven through standard input and output.\n"
+          "\n"
+          "Options:\n"
+          "  -i, --id ID      CAN identifier of the frames it sends, 0 to 0xFFFF, decimal or\n"
+          "                   hexadecimal with 0x (default 0x7E0; the bus keeps its low 11 bits)\n"
+          "  -c, --can stdio  where the CAN frames go: stdio (default) makes this process the\n"
+          "                   CAN proxy: frames are read from standard input, written to output\n"
+          "  -d, --debug N    debug level of the endpoint's log lines (default 0)\n"
+          "  -h, --help       this text\n"
+          "\n"
+          "Standard input, one command a line ('#' lines and blank lines are ignored):\n"
+          "  [(SEC.USEC)] IFACE ID#DATA   a CAN frame received from the bus (candump -L or\n"
+          "                               cansend form)\n"
+          "  send [HEX]                   hand a payload to the endpoint\n"
+          "  clear | clear all            drop queued payloads (all but the one in flight, or "
+          "all)\n"
+          "  empty                        print 'empty true' or 'empty false'\n"
+          "  debug N                      set the debug level\n"
+          "\n"
+          "Standard output, one event a line:\n"
+          "  (SEC.USEC) can0 ID#DATA      a frame the endpoint put on the bus\n"
+          "  recv ID [HEX]                a payload delivered to the application\n"
+          "  status NAME N                a status report\n"
+          "\n"
+          "At end of input it runs until its send queue is empty, then exits 0. SIGINT and\n"
+          "SIGTERM stop it at once (exit 0). Exit 1 if the transport thread ends by an\n"
+          "exception, 2 for a usage error.\n"
+          "\n"
+          "Example:\n"
+          "  printf 'send 112233\\ncan0 7E8#30\\n' | cantp endpoint --id 0x7E0\n";
+}
+
+int EndpointCommand::run(int argc, char** argv, int first) {
+    uint16_t id = 0x7E0;
+    int debugLevel = 0;
+    ArgumentReader args(argc, argv, first);
+    std::string value;
+    while (!args.done()) {
+        if (args.flag("--help", "-h")) {
+            printHelp(std::cout);
+            return 0;
+        } else if (args.option("--id", "-i", value)) {
+            id = static_cast<uint16_t>(ArgumentReader::toUnsigned("--id", value, 0xFFFF));
+        } else if (args.option("--can", "-c", value)) {
+            if (value != "stdio") {
+                throw UsageError("--can supports 'stdio' only, not '" + value + "'");
+            }
+        } else if (args.option("--debug", "-d", value)) {
+            debugLevel = ArgumentReader::toInt("--debug", value, -1000, 1000);
+        } else {
+            throw UsageError("unknown argument '" + args.current() + "'");
+        }
+    }
+
+    int signalPipe[2];
+    if (::pipe(signalPipe) != 0) {
+        std::cerr << "error: pipe() failed: " << std::strerror(errno) << std::endl;
+        return 1;
+    }
+    ::fcntl(signalPipe[1], F_SETFL, ::fcntl(signalPipe[1], F_GETFL) | O_NONBLOCK);
+    signalPipeWriteEnd = signalPipe[1];
+    struct sigaction action;
+    std::memset(&action, 0, sizeof action);
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    int status = 0;
+    {
+        EndpointSession session(id, debugLevel);
+        CANTransportThread& endpoint = session.endpoint();
+        std::string pending;
+        bool inputOpen = true;
+        bool stopNow = false;
+        while (!stopNow) {
+            if (!endpoint.isRunning()) {
+                emitLine("error: transport thread ended: " + endpoint.exitReason(), true);
+                status = 1;
+                break;
+            }
+            if (!inputOpen && endpoint.sendQueueEmpty()) {
+                break;
+            }
+            const Wake wake =
+                waitForEvent(inputOpen ? STDIN_FILENO : -1, signalPipe[0], inputOpen ? 100 : 10);
+            if (wake == Wake::Signal) {
+                stopNow = true;
+            } else if (wake == Wake::Input && inputOpen) {
+                char chunk[4096];
+                const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof chunk);
+                if (n < 0 && errno == EINTR) {
+                    continue;
+                }
+                if (n <= 0) {
+                    inputOpen = false;
+                    if (!pending.empty()) {
+                        session.handleLine(pending);
+                        pending.clear();
+                    }
+                    continue;
+                }
+                pending.append(chunk, static_cast<size_t>(n));
+                size_t newline;
+                while ((newline = pending.find('\n')) != std::string::npos) {
+                    const std::string line = pending.substr(0, newline);
+                    pending.erase(0, newline + 1);
+                    session.handleLine(line);
+                }
+            }
+        }
+    }
+    signalPipeWriteEnd = -1;
+    ::close(signalPipe[0]);
+    ::close(signalPipe[1]);
+    return status;
+}

@@ -1,0 +1,73 @@
+// cantp: the command-line tool of the CAN transport library.
+#include <cstring>
+#include <iostream>
+#include <string>
+
+#include "ArgumentReader.h"
+#include "EndpointCommand.h"
+#include "libqbutil/QBException.h"
+
+#if __has_include("DemoCommand.h")
+#include "DemoCommand.h"
+#define CANTP_HAVE_DEMO 1
+#endif
+#if __has_include("DecodeCommand.h")
+#include "DecodeCommand.h"
+#define CANTP_HAVE_DECODE 1
+#endif
+
+namespace {
+
+void printUsage(std::ostream& os) {
+    os << "Usage: cantp <command> [options]\n"
+          "\n"
+          "Commands:\n"
+          "  demo       two endpoints hold a request/response conversation on a simulated\n"
+          "             500 kbit/s CAN bus; every payload is verified byte by byte\n"
+          "  endpoint   one transport endpoint driven through standard input and output\n"
+          "  decode     the transport view of a candump log\n"
+          "\n"
+          "'cantp <command> --help' describes each command. Manual: docs/cantp.md\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        printUsage(std::cerr);
+        return 2;
+    }
+    const std::string command = argv[1];
+    try {
+        if (command == "--help" || command == "-h" || command == "help") {
+            printUsage(std::cout);
+            return 0;
+        }
+        if (command == "endpoint") {
+            return EndpointCommand::run(argc, argv, 2);
+        }
+#ifdef CANTP_HAVE_DEMO
+        if (command == "demo") {
+            return DemoCommand::run(argc, argv, 2);
+        }
+#endif
+#ifdef CANTP_HAVE_DECODE
+        if (command == "decode") {
+            return DecodeCommand::run(argc, argv, 2);
+        }
+#endif
+        throw UsageError("unknown command '" + command + "'");
+    } catch (const UsageError& e) {
+        std::cerr << "cantp " << (command.compare(0, 1, "-") == 0 ? "" : command + ": ") << e.what()
+                  << "\n"
+                  << "Try 'cantp " << (command.compare(0, 1, "-") == 0 ? "" : command + " ")
+                  << "--help'." << std::endl;
+        return 2;
+    } catch (const QBException& e) {
+        std::cerr << "cantp " << command << ": error: " << e << std::endl;
+        return 1;
+    } catch (const std::exception& e) {
+        std::cerr << "cantp " << command << ": error: " << e.what() << std::endl;
+        return 1;
+    }
+}
