@@ -7,11 +7,11 @@
 /// Holds one message text; what() returns it. Thrown by value, e.g. by
 /// CANTraceMessageBase::getDataBytes() with "CANTraceMessageBase too long".
 class BufferMismatchException : public std::exception {
-public:
+  public:
     explicit BufferMismatchException(const char* pmsg);
     ~BufferMismatchException() override;
     const char* what() const noexcept override;
 
-private:
+  private:
     std::string msg;
 };

@@ -8,9 +8,10 @@
 /// Trace message MSGID_CAN_PROXY: a CAN frame reported by a CAN proxy.
 /// The identifier is stored as fixCanId(canId, type); the data through setDataBytes().
 class CANProxyTraceMessage : public CANTraceMessageBase {
-public:
-    CANProxyTraceMessage(timeStamp_t ts, uint8_t channel, canframe_t frameKind, canstaterr_t stateError,
-          cantype_t canType, uint8_t numberOfDataBytes, uint32_t canId, const uint8_t* data);
+  public:
+    CANProxyTraceMessage(timeStamp_t ts, uint8_t channel, canframe_t frameKind,
+                         canstaterr_t stateError, cantype_t canType, uint8_t numberOfDataBytes,
+                         uint32_t canId, const uint8_t* data);
     ~CANProxyTraceMessage() override;
     MessageBase* clone() const override;
 };

@@ -17,13 +17,16 @@
 /// Serialised body (docs/wire-format.md): channel, frame kind, status, CAN type (one byte each),
 /// CAN identifier (4 bytes, little-endian), number of data bytes n (1 byte), n data bytes.
 class CANTraceMessageBase : public MessageBase {
-public:
+  public:
     ~CANTraceMessageBase() override;
 
     size_t getSize() const override;
     void appendBody(byteVec_t& out) const override;
-    /// "CAN ch <channel> id 0x<id> <STD|EXT|FD_STD|FD_EXT> [<kind>] [<error>] dlc <dlc>
-    /// len <n> data xx xx ..." (details in the source).
+    /// One line, lower-case hex, e.g. "CAN ch 0 id 0x7e0 STD dlc 8 len 8 data 02 10 03 00 00 00
+    /// 00 00": "CAN ch <channel> id 0x<id> <STD|EXT|FD_STD|FD_EXT>", then " <ERROR|TX|TXREQ>"
+    /// unless the kind is CF_STANDARD, " err <STUFF|FORMAT|ACK|BIT1|BIT0|CRC|OVERRUN>" unless the
+    /// state is CSE_NO, " BRS" and " ESI" if set, " dlc <dlc> len <n>", and " data xx xx ..."
+    /// if n > 0. Values without a name print as numbers ("kind 5", "err 12").
     std::ostream& print(std::ostream& os) const override;
 
     uint8_t getChannel() const { return channel; }
@@ -53,7 +56,7 @@ public:
     /// extended ones.
     static uint32_t fixCanId(uint32_t id, cantype_t type);
 
-protected:
+  protected:
     CANTraceMessageBase(msgid_t id, timeStamp_t ts, uint8_t channel, canframe_t frameKind,
                         canstaterr_t stateError, cantype_t canType, uint8_t numberOfDataBytes,
                         uint32_t canId, const uint8_t* data);
@@ -65,7 +68,7 @@ protected:
     /// Number of data bytes of each data length code (the CAN FD table).
     static const uint8_t numDlcBytes[16];
 
-private:
+  private:
     uint8_t channel;
     canframe_t frameKind;
     uint8_t status;

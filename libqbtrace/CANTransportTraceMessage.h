@@ -12,12 +12,15 @@
 /// Serialised body (docs/wire-format.md): CAN identifier (4 bytes, little-endian), CAN type
 /// (1 byte), then the payload bytes (the rest of the body).
 class CANTransportTraceMessage : public MessageBase {
-public:
+  public:
     /// Copies [begin, end) into the payload.
     template <typename Iterator>
     CANTransportTraceMessage(timeStamp_t ts, uint32_t canId, Iterator begin, Iterator end,
                              cantype_t canType)
-        : MessageBase(MSGID_CAN_TRANSPORT, ts), payload(begin, end), canId(canId), canType(canType) {}
+        : MessageBase(MSGID_CAN_TRANSPORT, ts),
+          payload(begin, end),
+          canId(canId),
+          canType(canType) {}
     ~CANTransportTraceMessage() override;
 
     MessageBase* clone() const override;
@@ -31,7 +34,7 @@ public:
     uint32_t getCanId() const { return canId; }
     cantype_t getCanType() const { return canType; }
 
-private:
+  private:
     byteVec_t payload;
     uint32_t canId;
     cantype_t canType;

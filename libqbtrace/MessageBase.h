@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include "libqbtrace/messageID.h"
 #include "libqbutil/utility.h"
@@ -26,7 +27,7 @@ typedef uint64_t timeStamp_t;
 /// Thread rules: a message object is used by one thread at a time. Messages returned by
 /// TraceMessageBuffer belong to the caller, who deletes them through this class.
 class MessageBase {
-public:
+  public:
     /// What parsing returns for a well-framed message whose body is not valid for its identifier.
     enum invalidMsgHandling_t {
         IMH_RETURN_NULL = 0,             ///< no object: the reader refuses it with QBException
@@ -59,7 +60,8 @@ public:
     /// `withHeader` true: the complete message, as TraceMessageBuffer parses it (header, body,
     /// and with `withChecksum` true a CRC-32 trailer over header and body). `withHeader` false:
     /// the body alone (`withChecksum` is then ignored), for embedding in other formats.
-    /// The transport endpoint calls createByteArray(out, true, false).
+    /// The transport endpoint calls createByteArray(out, true, false). With `withHeader` true, a
+    /// body longer than MAX_BODY_SIZE is not written: QBException is thrown and `out` is empty.
     size_t createByteArray(byteVec_t& out, bool withHeader, bool withChecksum) const;
 
     /// Framing of the serialised form (docs/wire-format.md).
@@ -79,7 +81,7 @@ public:
     void setRawBytes(byteVec_t bytes) { rawBytes = std::move(bytes); }
     void setInvalidReason(std::string reason) { invalidReason = std::move(reason); }
 
-protected:
+  protected:
     MessageBase(msgid_t id, timeStamp_t ts);
     MessageBase(const MessageBase&) = default;
     MessageBase& operator=(const MessageBase&) = default;
@@ -87,7 +89,7 @@ protected:
     /// Version of the serialised format written in every header.
     static const uint8_t version = 1;
 
-private:
+  private:
     std::string invalidReason;
     byteVec_t rawBytes;
     msgid_t msgId;

@@ -7,7 +7,7 @@
 /// and, under MessageBase::IMH_RETURN_INVALID_MESSAGE, for a message whose body is not valid
 /// for its identifier (then isValid() is false and getInvalidReason() says why).
 class RawTraceMessage : public MessageBase {
-public:
+  public:
     RawTraceMessage(msgid_t id, timeStamp_t ts, byteVec_t body);
     ~RawTraceMessage() override;
 
@@ -19,6 +19,6 @@ public:
 
     const byteVec_t& getBody() const { return body; }
 
-private:
+  private:
     byteVec_t body;
 };

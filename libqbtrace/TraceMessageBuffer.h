@@ -18,14 +18,15 @@
 /// message that follows. A header announcing a body longer than MessageBase::MAX_BODY_SIZE is
 /// refused the same way before anything is allocated for it.
 ///
-/// Memory: the buffer holds at most what has been read and not yet parsed; read() takes at most
-/// READ_CHUNK_LIMIT bytes per call.
+/// Memory: bytes already parsed are erased from the front of the buffer once they are at least
+/// 4 KiB and no fewer than the unparsed ones, so the buffer stays within a small multiple of what
+/// has been read and not yet parsed; read() takes at most READ_CHUNK_LIMIT bytes per call.
 ///
 /// Thread rules: with a null mutex, one thread uses the object. With a mutex, read(),
 /// getNextMessage() and the queries take it, so that one thread may read while another parses.
 /// The descriptor is not owned and not closed.
 class TraceMessageBuffer {
-public:
+  public:
     /// read() result: the descriptor reported end of file (the writer has closed it).
     static constexpr int END_OF_INPUT = -2;
     /// Most bytes one read() call takes from the descriptor.
@@ -39,8 +40,11 @@ public:
     /// Reads what is available on the descriptor into the buffer.
     /// Returns the number of bytes read (0 when a non-blocking descriptor has nothing now: that
     /// is not a failure), END_OF_INPUT at end of file, or -1 on failure with errno set (the
-    /// buffer stays usable). Interrupted reads are resumed. On a blocking descriptor it makes one
-    /// read() call, which waits for data.
+    /// buffer stays usable). Interrupted reads are resumed. On a non-blocking descriptor it reads
+    /// until the descriptor is empty, at end of file, or after READ_CHUNK_LIMIT bytes; bytes that
+    /// came before the end of file in the same call are returned as a count and the end is
+    /// reported by the next call (atEndOfInput() is true from the first). On a blocking
+    /// descriptor it makes one read() call, which waits for data.
     int read();
 
     /// Adds bytes to the buffer as if they had been read (for callers that get the bytes
@@ -60,7 +64,7 @@ public:
     /// Number of bytes buffered and not yet parsed.
     size_t bufferedBytes() const;
 
-private:
+  private:
     int fd;
     std::mutex* mutex;
     byteVec_t buffer;

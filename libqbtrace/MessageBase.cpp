@@ -1,0 +1,127 @@
+#include "libqbtrace/MessageBase.h"
+
+#include <array>
+#include <sstream>
+
+#include "libqbutil/QBException.h"
+
+MessageBase::invalidMsgHandling_t MessageBase::invalidHandling = MessageBase::IMH_RETURN_NULL;
+
+const uint8_t MessageBase::version;
+
+namespace {
+
+// Byte-wise table of the reflected CRC-32 polynomial 0xEDB88320, built at compile time.
+constexpr std::array<uint32_t, 256> makeCrcTable() {
+    std::array<uint32_t, 256> table{};
+    for (uint32_t i = 0; i < 256; ++i) {
+        uint32_t c = i;
+        for (int bit = 0; bit < 8; ++bit) {
+            c = (c & 1u) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+        }
+        table[i] = c;
+    }
+    return table;
+}
+
+constexpr std::array<uint32_t, 256> crcTable = makeCrcTable();
+
+void putU16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v);
+    p[1] = static_cast<uint8_t>(v >> 8);
+}
+
+void putU32(uint8_t* p, uint32_t v) {
+    for (int i = 0; i < 4; ++i) {
+        p[i] = static_cast<uint8_t>(v >> (8 * i));
+    }
+}
+
+void putU64(uint8_t* p, uint64_t v) {
+    for (int i = 0; i < 8; ++i) {
+        p[i] = static_cast<uint8_t>(v >> (8 * i));
+    }
+}
+
+}  // namespace
+
+MessageBase::MessageBase(msgid_t id, timeStamp_t ts) : msgId(id), timeStamp(ts) {}
+
+MessageBase::~MessageBase() = default;
+
+bool MessageBase::isValid() const {
+    return invalidReason.empty();
+}
+
+std::ostream& MessageBase::print(std::ostream& os) const {
+    // Formatted into a string first so that the caller's stream flags stay untouched.
+    std::ostringstream text;
+    text << "trace message id 0x" << std::hex << static_cast<unsigned>(msgId) << std::dec << " len "
+         << getSize();
+    if (!isValid()) {
+        text << " invalid: " << invalidReason;
+    }
+    return os << text.str();
+}
+
+size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withChecksum) const {
+    out.clear();
+    if (!withHeader) {
+        out.reserve(getSize());
+        appendBody(out);
+        return out.size();
+    }
+
+    out.reserve(HEADER_SIZE + getSize() + (withChecksum ? CHECKSUM_SIZE : 0));
+    out.resize(HEADER_SIZE);
+    appendBody(out);
+    // The length field is taken from what appendBody() really wrote, not from getSize().
+    const size_t bodySize = out.size() - HEADER_SIZE;
+    if (bodySize > MAX_BODY_SIZE) {
+        // A reader would refuse the header and resynchronise inside the body, where the
+        // payload could then pass for messages of its own; so such a message is never written.
+        out.clear();
+        QBException e;
+        e << "trace message id 0x" << std::hex << static_cast<unsigned>(msgId) << std::dec
+          << ": body of " << bodySize << " bytes exceeds the maximum of " << MAX_BODY_SIZE;
+        throw e;
+    }
+
+    uint8_t* h = out.data();
+    h[0] = 'Q';
+    h[1] = 'B';
+    h[2] = 'T';
+    h[3] = 'M';
+    h[4] = version;
+    h[5] = withChecksum ? FLAG_CHECKSUM : 0;
+    putU16(h + 6, static_cast<uint16_t>(msgId));
+    putU64(h + 8, timeStamp);
+    putU32(h + 16, static_cast<uint32_t>(bodySize));
+    putU32(h + 20, crc32(h, 20));
+
+    if (withChecksum) {
+        const uint32_t crc = crc32(out.data(), out.size());
+        out.resize(out.size() + CHECKSUM_SIZE);
+        putU32(out.data() + out.size() - CHECKSUM_SIZE, crc);
+    }
+    return out.size();
+}
+
+uint32_t MessageBase::crc32(const uint8_t* data, size_t len, uint32_t crc) {
+    uint32_t c = crc ^ 0xFFFFFFFFu;
+    for (size_t i = 0; i < len; ++i) {
+        c = crcTable[(c ^ data[i]) & 0xFFu] ^ (c >> 8);
+    }
+    return c ^ 0xFFFFFFFFu;
+}
+
+std::ostream& operator<<(std::ostream& os, const MessageBase& msg) {
+    return msg.print(os);
+}
+
+std::ostream& operator<<(std::ostream& os, const MessageBase* msg) {
+    if (msg == nullptr) {
+        return os << "(null)";
+    }
+    return msg->print(os);
+}
