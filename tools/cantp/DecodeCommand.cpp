@@ -1,0 +1,216 @@
+#include "DecodeCommand.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ArgumentReader.h"
+#include "TransportDecoder.h"
+
+namespace {
+
+/// A candump line is below 100 characters; anything far longer is not a frame, and cutting it
+/// off keeps the memory of the decoder bounded whatever the input.
+const size_t MAX_LINE_LENGTH = 4096;
+
+/// Reads lines from a descriptor a block at a time. Owns the descriptor if it opened it (not
+/// standard input). Not copyable: one reader per run.
+class LineReader {
+  public:
+    enum Result { LINE, LONG_LINE, END, FAILED };
+
+    /// Standard input.
+    LineReader() : fd(STDIN_FILENO), owned(false), buffer(65536) {}
+
+    /// Opens `path`; on failure isOpen() is false and errno says why.
+    explicit LineReader(const std::string& path)
+        : fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), owned(true), buffer(65536) {}
+
+    ~LineReader() {
+        // Not retried on EINTR: on Linux the descriptor is released even then.
+        if (owned && fd >= 0) {
+            ::close(fd);
+        }
+    }
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+
+    bool isOpen() const { return fd >= 0; }
+
+    /// True if the next line can be returned without waiting for input.
+    bool hasBuffered() const { return begin < end; }
+
+    /// The next line without its '\n' (LINE). A line longer than MAX_LINE_LENGTH is skipped to
+    /// its end (LONG_LINE, `line` is empty). END at the end of the input, FAILED (errno set) if
+    /// reading fails. A last line without '\n' counts as a line.
+    Result next(std::string& line) {
+        line.clear();
+        bool any = false;
+        bool tooLong = false;
+        for (;;) {
+            if (begin == end) {
+                const ssize_t n = readSome();
+                if (n < 0) {
+                    return FAILED;
+                }
+                if (n == 0) {
+                    if (!any) {
+                        return END;
+                    }
+                    return tooLong ? LONG_LINE : LINE;
+                }
+                begin = 0;
+                end = static_cast<size_t>(n);
+            }
+            any = true;
+            const char* start = buffer.data() + begin;
+            const void* found = std::memchr(start, '\n', end - begin);
+            const size_t take = found != nullptr
+                                    ? static_cast<size_t>(static_cast<const char*>(found) - start)
+                                    : end - begin;
+            if (!tooLong) {
+                if (line.size() + take > MAX_LINE_LENGTH) {
+                    tooLong = true;
+                    line.clear();
+                } else {
+                    line.append(start, take);
+                }
+            }
+            begin += take;
+            if (found != nullptr) {
+                ++begin;
+                return tooLong ? LONG_LINE : LINE;
+            }
+        }
+    }
+
+  private:
+    ssize_t readSome() {
+        for (;;) {
+            const ssize_t n = ::read(fd, buffer.data(), buffer.size());
+            if (n >= 0 || errno != EINTR) {
+                return n;
+            }
+        }
+    }
+
+    int fd;
+    bool owned;
+    std::vector<char> buffer;
+    size_t begin = 0;
+    size_t end = 0;
+};
+
+}  // namespace
+
+void DecodeCommand::printHelp(std::ostream& os) {
+    os << "Usage: cantp decode [FILE]\n"
+          "\n"
+          "Shows a candump log as transport frames and reassembled payloads. Reads\n"
+          "FILE, or standard input for '-' or no FILE. Input lines: candump -L\n"
+          "'(SEC.USEC) IFACE ID#DATA' or 'IFACE ID#DATA'; blank lines and '#' lines\n"
+          "are ignored.\n"
+          "\n"
+          "Options:\n"
+          "  -h, --help   this text\n"
+          "  --           end of options (a FILE after it may begin with '-')\n"
+          "\n"
+          "Output, one line each:\n"
+          "  TIME IFACE ID KIND PARAM    a frame; TIME is SEC.USEC or '-'; KIND and\n"
+          "                              PARAM: single len=N, first len=N,\n"
+          "                              consecutive sn=N, flow-control CTP_FC_...,\n"
+          "                              invalid REASON\n"
+          "  payload IFACE ID len=N HEX  a payload reassembled (each interface and\n"
+          "                              identifier has its own transfer)\n"
+          "  error IFACE ID: MESSAGE     a protocol error\n"
+          "  line N: error: REASON       an input line that is not a CAN data frame\n"
+          "  summary frames=N ...        two lines of totals at the end\n"
+          "  summary payloads=N ...\n"
+          "\n"
+          "Exit status: 0 the log was read (even with errors in it), 1 FILE cannot be\n"
+          "opened or read or the report cannot be written, 2 usage error.\n"
+          "\n"
+          "Examples:\n"
+          "  cantp decode trace.log\n"
+          "  candump -L can0 | cantp decode\n"
+          "  cantp decode trace.log | grep '^payload '\n"
+          "  printf 'can0 7E0#03112233\\n' | cantp decode -\n";
+}
+
+int DecodeCommand::run(int argc, char** argv, int first) {
+    ArgumentReader args(argc, argv, first);
+    std::string path;
+    bool havePath = false;
+    bool optionsEnded = false;
+    while (!args.done()) {
+        const std::string arg = args.current();
+        if (!optionsEnded && args.flag("--help", "-h")) {
+            printHelp(std::cout);
+            return 0;
+        }
+        if (!optionsEnded && arg == "--") {
+            args.take();
+            optionsEnded = true;
+            continue;
+        }
+        if (!optionsEnded && arg.size() > 1 && arg[0] == '-') {
+            throw UsageError("unknown option '" + arg + "'");
+        }
+        if (havePath) {
+            throw UsageError("more than one FILE ('" + path + "', '" + arg + "')");
+        }
+        path = args.take();
+        havePath = true;
+    }
+
+    const bool fromStdin = !havePath || path == "-";
+    const std::string shownName = fromStdin ? std::string("standard input") : path;
+    std::unique_ptr<LineReader> reader =
+        fromStdin ? std::make_unique<LineReader>() : std::make_unique<LineReader>(path);
+    if (!reader->isOpen()) {
+        std::cerr << "cantp decode: cannot open " << path << ": " << std::strerror(errno)
+                  << std::endl;
+        return 1;
+    }
+
+    TransportDecoder decoder(std::cout);
+    std::string line;
+    for (;;) {
+        // Flush before the reader may wait for input, so a live pipe shows every frame at once
+        // while a file is still written in large blocks.
+        if (!reader->hasBuffered()) {
+            std::cout.flush();
+        }
+        const LineReader::Result result = reader->next(line);
+        if (result == LineReader::END) {
+            break;
+        }
+        if (result == LineReader::FAILED) {
+            const int error = errno;
+            std::cout.flush();
+            std::cerr << "cantp decode: cannot read " << shownName << ": " << std::strerror(error)
+                      << std::endl;
+            return 1;
+        }
+        if (result == LineReader::LONG_LINE) {
+            decoder.addUnreadableLine("line longer than " + std::to_string(MAX_LINE_LENGTH) +
+                                      " characters");
+        } else {
+            decoder.addLine(line);
+        }
+    }
+    decoder.finish();
+    std::cout.flush();
+    if (!std::cout) {
+        // A report cut short (a full disk, a closed descriptor) must not look complete.
+        std::cerr << "cantp decode: cannot write standard output" << std::endl;
+        return 1;
+    }
+    return 0;
+}
