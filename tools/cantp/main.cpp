@@ -4,17 +4,10 @@
 #include <string>
 
 #include "ArgumentReader.h"
+#include "DecodeCommand.h"
+#include "DemoCommand.h"
 #include "EndpointCommand.h"
 #include "libqbutil/QBException.h"
-
-#if __has_include("DemoCommand.h")
-#include "DemoCommand.h"
-#define CANTP_HAVE_DEMO 1
-#endif
-#if __has_include("DecodeCommand.h")
-#include "DecodeCommand.h"
-#define CANTP_HAVE_DECODE 1
-#endif
 
 namespace {
 
@@ -46,16 +39,12 @@ int main(int argc, char** argv) {
         if (command == "endpoint") {
             return EndpointCommand::run(argc, argv, 2);
         }
-#ifdef CANTP_HAVE_DEMO
         if (command == "demo") {
             return DemoCommand::run(argc, argv, 2);
         }
-#endif
-#ifdef CANTP_HAVE_DECODE
         if (command == "decode") {
             return DecodeCommand::run(argc, argv, 2);
         }
-#endif
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
         std::cerr << "cantp " << (command.compare(0, 1, "-") == 0 ? "" : command + ": ") << e.what()
