@@ -9,7 +9,7 @@
 /// standard input for "-" or no FILE, and writes to standard output one line per frame (its
 /// transport frame kind and parameter), one line per reassembled payload, one line per protocol
 /// error or unparsable line, and two summary lines (see TransportDecoder and
-/// docs/cantp-decode.md).
+/// docs/cantp.md, "cantp decode").
 ///
 /// Streams: reads a block at a time and keeps at most one line and the open transfers in memory.
 /// Output is flushed whenever the input has nothing more buffered, so a live pipe

@@ -12,7 +12,7 @@
 
 /// Decodes the lines of a candump log one at a time and writes a report to a stream.
 ///
-/// Output, one line each (docs/cantp-decode.md gives the byte-exact form):
+/// Output, one line each (docs/cantp.md, "cantp decode" gives the byte-exact form):
 ///
 ///     TIME              IFACE ID       KIND         PARAM     one line per frame
 ///     payload IFACE ID len=N HEX                              a reassembled payload
