@@ -143,7 +143,9 @@ class CANTransportThread : public Thread {
     /// May be called from any thread.
     void clear(bool all);
     /// True when every payload handed over has been acknowledged or dropped and nothing waits in
-    /// the input pipe. May be called from any thread.
+    /// the input pipe. May be called from any thread. Between the loop's read of a payload from
+    /// the pipe and its entry into the queue (microseconds) it reads true too early: a caller
+    /// that must be sure asks again a few milliseconds later.
     bool sendQueueEmpty();
 
     static const char* logName() { return "CANTransportThread"; }

@@ -423,14 +423,20 @@ int EndpointCommand::run(int argc, char** argv, int first) {
         std::string pending;
         bool inputOpen = true;
         bool stopNow = false;
+        int emptyReadings = 0;
         while (!stopNow) {
             if (!endpoint.isRunning()) {
                 emitLine("error: transport thread ended: " + endpoint.exitReason(), true);
                 status = 1;
                 break;
             }
-            if (!inputOpen && endpoint.sendQueueEmpty()) {
-                break;
+            if (!inputOpen) {
+                // sendQueueEmpty() reads true for an instant after the loop has taken a payload
+                // off its pipe and before it is queued; three readings 10 ms apart rule that out.
+                emptyReadings = endpoint.sendQueueEmpty() ? emptyReadings + 1 : 0;
+                if (emptyReadings >= 3) {
+                    break;
+                }
             }
             const Wake wake =
                 waitForEvent(inputOpen ? STDIN_FILENO : -1, signalPipe[0], inputOpen ? 100 : 10);
