@@ -102,7 +102,11 @@ void CANTransportThread::open(int& readFD, int& writeFD) {
         }
     }
     if (failure != nullptr) {
+        // The exception is built before the line is written; its allocation must not change
+        // the errno that the line reports.
+        const int failedErrno = errno;
         QBException e;
+        errno = failedErrno;
         QB_SYSERROR(failure);
         throw e;
     }
@@ -475,17 +479,24 @@ void CANTransportThread::sendCANMessage(TPCANMsg& msg) {
 }
 
 uint16_t CANTransportThread::deleteFirstMessage() {
+    uint16_t id = 0;
+    removeFirstMessage(id);
+    return id;
+}
+
+bool CANTransportThread::removeFirstMessage(uint16_t& id) {
     mutexBufferLock.lock();
     if (sendQueue.empty()) {
         // clear(true) from another thread dropped the payload while its acknowledgement was
         // being handled.
         mutexBufferLock.unlock();
-        return 0;
+        return false;
     }
     std::unique_ptr<std::vector<TPCANMsg>> frames(sendQueue.front());
     sendQueue.pop_front();
     mutexBufferLock.unlock();
-    return frames->empty() ? 0 : static_cast<uint16_t>(frames->front().DATA[1]);
+    id = frames->empty() ? 0 : static_cast<uint16_t>(frames->front().DATA[1]);
+    return true;
 }
 
 bool CANTransportThread::sendQueueEmpty() {
@@ -513,11 +524,13 @@ void CANTransportThread::checkFlowControl(TPCANMsg& msg) {
     switch (code) {
         case CTP_FC_ACKNOWLEDGE: {
             QB_DEBUG(debug > 1, "CTP_FC_ACKNOWLEDGE");
-            const uint16_t msgId = deleteFirstMessage();
-            // Called without a test on purpose: acknowledged payloads must be heard of, and an
-            // endpoint without a callback ends with std::bad_function_call.
-            delegateStatusChanged(CTT_ACKNOWLEDGED, msgId);
-            setSelectTimeout(0, 10);
+            uint16_t msgId = 0;
+            if (removeFirstMessage(msgId)) {
+                // Called without a test on purpose: acknowledged payloads must be heard of, and
+                // an endpoint without a callback ends with std::bad_function_call.
+                delegateStatusChanged(CTT_ACKNOWLEDGED, msgId);
+                setSelectTimeout(0, 10);
+            }
             state &= ~RCTS_SENDING;
             nextFrame = CTF_SINGLE_OR_FIRST_FRAME;
             retryCount = 0;

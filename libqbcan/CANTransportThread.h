@@ -75,7 +75,8 @@
 ///   before start().
 /// - clear(true) may drop the payload in flight while its flow control is being handled; the
 ///   acknowledgement and ready-to-receive paths then find an empty queue and do nothing with it
-///   instead of reading a missing element.
+///   instead of reading a missing element: no CTT_ACKNOWLEDGED is reported for a payload the
+///   application has dropped, and deleteFirstMessage() on an empty queue returns 0.
 /// - A payload written to an application that has stopped reading blocks the thread once the
 ///   pipe is full; stop() still ends it there (the write is a point of cancellation; frames to
 ///   the CAN proxy are written under mutexBufferLock and are not).
@@ -153,10 +154,10 @@ class CANTransportThread : public Thread {
   protected:
     /// The transport state, a bit set.
     typedef int canState_t;
-    static const canState_t RCTS_IDLE = 0;
-    static const canState_t RCTS_SENDING = 1;
-    static const canState_t RCTS_RECEIVING = 2;
-    static const canState_t RCTS_WAIT_FOR_FC = 4;
+    static constexpr canState_t RCTS_IDLE = 0;
+    static constexpr canState_t RCTS_SENDING = 1;
+    static constexpr canState_t RCTS_RECEIVING = 2;
+    static constexpr canState_t RCTS_WAIT_FOR_FC = 4;
 
     /// No frame of the front payload is in flight.
     static const msgpart_t MSGPART_INVALID;
@@ -225,6 +226,9 @@ class CANTransportThread : public Thread {
 
   private:
     void closePipes();
+    /// Takes the front payload off the queue and frees it; false (and nothing reported) if
+    /// clear(true) on another thread has emptied the queue meanwhile.
+    bool removeFirstMessage(uint16_t& id);
     static ssize_t writeMessage(int fd, const byteVec_t& bytes, bool cancellable);
 };
 

@@ -172,15 +172,19 @@ TEST(SenderFlowControl, AcknowledgementResetsSenderAndReceiverExpectation) {
               }));
 }
 
-TEST(SenderFlowControl, AcknowledgementAfterQueueWasClearedDoesNotTouchAMissingPayload) {
+// An application thread may clear(true) the queue between the loop's check of the waiting bit
+// and its removal of the acknowledged payload. The window is too short to hit through the pipes,
+// so the handler is called directly on an endpoint in that state (not started: this thread is
+// the transport thread). Nothing is reported for the dropped payload.
+TEST(SenderFlowControl, AcknowledgementAfterQueueWasClearedReportsNothing) {
     TransportHarness h(0);
     h.transport.state = h.transport.RCTS_SENDING | h.transport.RCTS_WAIT_FOR_FC;
     TPCANMsg ack = frame(0x7E8, kAck);
     h.transport.checkFlowControl(ack);
     EXPECT_TRUE(h.transport.sendQueue.empty());
     EXPECT_EQ(h.transport.state.load(), 0);
-    ASSERT_EQ(h.status.count(), 1u);
-    EXPECT_EQ(h.status.events()[0].status, CANTransportThread::CTT_ACKNOWLEDGED);
+    EXPECT_EQ(h.status.count(), 0u);
+    EXPECT_EQ(h.transport.deleteFirstMessage(), 0);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -363,8 +367,9 @@ TEST(SenderFlowControl, FiveMissingFlowControlsWithoutPeerReportSendTimeout) {
     const Lines lines = h.outLines();
     EXPECT_EQ(linesWith(lines, "send retry"),
               (Lines{retryLine(0), retryLine(1), retryLine(2), retryLine(3), retryLine(4)}));
-    const Lines::const_iterator info = std::find(
-        lines.begin(), lines.end(), "[INFO] CANTransportThread::handleSendError() CTT_SEND_TIMEOUT");
+    const Lines::const_iterator info =
+        std::find(lines.begin(), lines.end(),
+                  "[INFO] CANTransportThread::handleSendError() CTT_SEND_TIMEOUT");
     ASSERT_NE(info, lines.end());
     ASSERT_NE(info + 1, lines.end());
     EXPECT_EQ(*(info + 1),
@@ -537,3 +542,4 @@ TEST(SenderFlowControl, FifthFailureWithoutCallbackIsNotReported) {
                                 "[INFO] CANTransportThread::handleSendError() send retry = 4",
                             }));
 }
+
