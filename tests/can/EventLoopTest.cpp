@@ -181,7 +181,7 @@ void ignoreSignal(int) {}
 
 // Installs a handler for SIGUSR1 without SA_RESTART for the test's lifetime.
 class InterruptingSignal {
-public:
+  public:
     InterruptingSignal() {
         struct sigaction sa {};
         sa.sa_handler = &ignoreSignal;
@@ -193,7 +193,7 @@ public:
     InterruptingSignal(const InterruptingSignal&) = delete;
     InterruptingSignal& operator=(const InterruptingSignal&) = delete;
 
-private:
+  private:
     struct sigaction saved {};
 };
 
@@ -349,9 +349,10 @@ TEST(EventLoop, AfterExpiryTheNextWaitLastsTheFullTimeoutAgain) {
     double t0 = 0;
     ASSERT_TRUE(h.expectFrame({0x01, 0x22, 0, 0, 0, 0, 0, 0}, kEventWait, &t0));
     h.sendFrame({0x37, 0, 0, 0, 0, 0, 0, 0});  // code 7: the wait ends, the timer runs on
-    ASSERT_TRUE(h.waitForLine("[ERROR] CANTransportThread::processSendQueue() reached end of "
-                              "vector (2) - be confused :-/",
-                              kTimerWait));
+    ASSERT_TRUE(
+        h.waitForLine("[ERROR] CANTransportThread::processSendQueue() reached end of "
+                      "vector (2) - be confused :-/",
+                      kTimerWait));
     const double t1 = monotonicSeconds();
     EXPECT_TRUE(waitUntil([&] { return h.transport.state.load() == 0; }, kEventWait));
     double t2 = 0;
@@ -556,8 +557,8 @@ TEST(EventLoop, FailingWaitLogsErrorAndAtDebugLevelOneAlsoPselectInterrupted) {
     // already blocked does not notice a close.)
     ::close(h.transport.readPipe[0]);
     h.start();
-    EXPECT_TRUE(h.waitForErrLine(
-        "[ERROR] CANTransportThread::threadCode() pselect() reported an error."));
+    EXPECT_TRUE(
+        h.waitForErrLine("[ERROR] CANTransportThread::threadCode() pselect() reported an error."));
     EXPECT_TRUE(h.waitForLine("[DEBUG] CANTransportThread::threadCode() pselect interrupted"));
     h.transport.stop();
     h.transport.readPipe[0] = -1;
@@ -618,9 +619,9 @@ TEST(EventLoop, AllMessagesOfOneWriteAreHandledInOnePass) {
     EXPECT_TRUE(h.expectFrame(kAck));
     EXPECT_TRUE(h.expectFrame(kAck));
     h.transport.stop();
-    EXPECT_EQ(countLines(h.outLines(),
-                         "[DEBUG] CANTransportThread::threadCode() pselect data available"),
-              1u);
+    EXPECT_EQ(
+        countLines(h.outLines(), "[DEBUG] CANTransportThread::threadCode() pselect data available"),
+        1u);
 }
 
 TEST(EventLoop, ClosedInputLogsInfoOnceAndLoopDoesNotSpin) {
@@ -639,12 +640,15 @@ TEST(EventLoop, ClosedInputLogsInfoOnceAndLoopDoesNotSpin) {
     std::this_thread::sleep_for(milliseconds(300));  // measuring, not waiting for an event
     const double cpu = processCpuSeconds() - cpu0;
     const double wall = monotonicSeconds() - wall0;
-    std::printf("process CPU time %.3f s over %.3f s of wall time after end of input\n", cpu,
-                wall);
+    std::printf("process CPU time %.3f s over %.3f s of wall time after end of input\n", cpu, wall);
     EXPECT_LT(cpu, 0.3 * wall);
     EXPECT_TRUE(h.transport.isRunning());
     h.transport.stop();
-    EXPECT_EQ(countLines(h.outLines(), closedLine), 1u);
+    EXPECT_EQ(h.outLines(), (Lines{
+                                "[INFO] CANTransportThread::threadCode() Start CANTransportThread",
+                                "[INFO] CANTransportThread::handleCANData() CTT_CONNECTED",
+                                closedLine,
+                            }));
     EXPECT_TRUE(h.errLines().empty());
 }
 

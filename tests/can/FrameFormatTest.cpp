@@ -34,7 +34,9 @@ std::string printed(const TPCANMsg& m) {
     return os.str();
 }
 
-Bytes dataOf(const TPCANMsg& m) { return Bytes(m.DATA, m.DATA + 8); }
+Bytes dataOf(const TPCANMsg& m) {
+    return Bytes(m.DATA, m.DATA + 8);
+}
 
 // The frames of the payload at the front of the send queue.
 std::vector<Bytes> frontFrames(qbtest::TestableTransport& t) {
@@ -65,7 +67,8 @@ TEST(FrameFormat, PrintedFrameWithLengthZeroHasNoDataPartAndNoTrailingBlank) {
 }
 
 TEST(FrameFormat, PrintedFrameShowsLenBytesInLowerCaseHex) {
-    EXPECT_EQ(printed(makeFrame(0x123, 3, {0xAB, 0x0C, 0xD0, 0xEE})), " 0x00000123 3  0xab 0x0c 0xd0");
+    EXPECT_EQ(printed(makeFrame(0x123, 3, {0xAB, 0x0C, 0xD0, 0xEE})),
+              " 0x00000123 3  0xab 0x0c 0xd0");
     EXPECT_EQ(printed(makeFrame(0xFFFFFFFF, 1, {0xFF})), " 0xffffffff 1  0xff");
     EXPECT_EQ(printed(makeFrame(0x1ABCDEF0, 2, {1, 2})), " 0x1abcdef0 2  0x01 0x02");
 }

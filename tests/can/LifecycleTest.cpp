@@ -34,7 +34,9 @@ const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};
 // leaves room for a loaded machine and for the sanitizers.
 constexpr double kStopLimitSeconds = 0.100;
 
-bool isClosed(int fd) { return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF; }
+bool isClosed(int fd) {
+    return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF;
+}
 
 }  // namespace
 
@@ -96,9 +98,8 @@ TEST(Lifecycle, DestroyingARunningEndpointStopsItFirst) {
     t->open(r, w);
     t->setConnection(proxy.writeEnd());
     t->start();
-    ASSERT_TRUE(
-        capture.waitForOutLine("[INFO] CANTransportThread::threadCode() Start CANTransportThread",
-                               kEventWait));
+    ASSERT_TRUE(capture.waitForOutLine(
+        "[INFO] CANTransportThread::threadCode() Start CANTransportThread", kEventWait));
     const double t0 = monotonicSeconds();
     delete t;
     const double took = monotonicSeconds() - t0;
@@ -121,7 +122,8 @@ TEST(Lifecycle, AcknowledgementWithoutCallbackEndsTheThread) {
     ASSERT_TRUE(waitUntil([&] { return !h.transport.isRunning(); }, kEventWait));
     const std::string reason = h.transport.exitReason();
     EXPECT_NE(reason.find("bad_function_call"), std::string::npos) << reason;
-    EXPECT_TRUE(h.waitForErrLine("[ERROR] Thread::run() threadCode() ended by exception: " + reason));
+    EXPECT_TRUE(
+        h.waitForErrLine("[ERROR] Thread::run() threadCode() ended by exception: " + reason));
     h.transport.stop();  // joins the ended thread
     EXPECT_FALSE(h.transport.isRunning());
 }

@@ -89,8 +89,8 @@ TEST(Reassembly, SingleFrameWithLengthNibbleAboveSevenIsPaddedWithZeros) {
     EXPECT_TRUE(h.expectPayload({1, 2, 3, 4, 5, 6, 7, 0, 0, 0}, 0x7E8));
     EXPECT_TRUE(h.expectFrame(kAck));
     h.sendFrame({0x0F, 0xF1, 0xF2, 0xF3, 0xF4, 0xF5, 0xF6, 0xF7});
-    EXPECT_TRUE(h.expectPayload(
-        {0xF1, 0xF2, 0xF3, 0xF4, 0xF5, 0xF6, 0xF7, 0, 0, 0, 0, 0, 0, 0, 0}, 0x7E8));
+    EXPECT_TRUE(
+        h.expectPayload({0xF1, 0xF2, 0xF3, 0xF4, 0xF5, 0xF6, 0xF7, 0, 0, 0, 0, 0, 0, 0, 0}, 0x7E8));
     EXPECT_TRUE(h.expectFrame(kAck));
     h.sendFrame({0x08, 1, 2, 3, 4, 5, 6, 7});
     EXPECT_TRUE(h.expectPayload({1, 2, 3, 4, 5, 6, 7, 0}, 0x7E8));
@@ -282,6 +282,24 @@ TEST(Reassembly, FramesOfOneTransferAreJoinedWhateverTheirIdentifiers) {
     EXPECT_TRUE(h.expectFrame(kAck));
 }
 
+TEST(Reassembly, AcknowledgementOfOwnPayloadMidReceptionLetsNextFirstFrameAppendToKeptBytes) {
+    TransportHarness h(0);
+    h.start();
+    h.sendPayload({0x22});
+    ASSERT_TRUE(h.expectFrame({0x01, 0x22, 0, 0, 0, 0, 0, 0}));
+    h.sendFrame({0x10, 0x0A, 1, 2, 3, 4, 5, 6});
+    ASSERT_TRUE(h.expectFrame(kReady));
+    h.sendFrame(kAck);  // acknowledges our payload and resets the receiver's expectation
+    ASSERT_TRUE(h.status.waitForCount(2, kEventWait));
+    // A new first frame is now taken; the six bytes already received are not cleared.
+    h.sendFrame({0x10, 0x08, 0x61, 0x62, 0x63, 0x64, 0x65, 0x66});
+    ASSERT_TRUE(h.expectFrame(kReady));
+    h.sendFrame({0x20, 0x67, 0x68, 0, 0, 0, 0, 0});
+    EXPECT_TRUE(
+        h.expectPayload({1, 2, 3, 4, 5, 6, 0x61, 0x62, 0x63, 0x64, 0x65, 0x66, 0x67, 0x68}, 0x7E8));
+    EXPECT_TRUE(h.expectFrame(kAck));
+}
+
 // ---------------------------------------------------------------------------------------------
 // Receive time-out
 
@@ -315,8 +333,7 @@ TEST(Reassembly, ConsecutiveFramesDoNotRestartTheReceiveTimer) {
     double tReady = 0;
     ASSERT_TRUE(h.expectFrame(kReady, kEventWait, &tReady));
     // Stimulus timing: the consecutive frame comes 0.6 s into the 1 s wait.
-    std::this_thread::sleep_for(
-        std::chrono::duration<double>(tReady + 0.6 - monotonicSeconds()));
+    std::this_thread::sleep_for(std::chrono::duration<double>(tReady + 0.6 - monotonicSeconds()));
     h.sendFrame({0x20, 7, 8, 9, 10, 11, 12, 13});
     double tNotAck = 0;
     ASSERT_TRUE(h.expectFrame(kNotAck, kTimerWait, &tNotAck));

@@ -318,8 +318,9 @@ TEST(Segmentation, ReadyToReceiveForSingleFramePayloadEndsInEndOfVectorError) {
     double t0 = 0;
     ASSERT_TRUE(h.expectFrame({0x01, 0x22, 0, 0, 0, 0, 0, 0}, kEventWait, &t0));
     h.sendFrame(kReady);
-    EXPECT_TRUE(h.waitForLine("[ERROR] CANTransportThread::processSendQueue() reached end of "
-                              "vector (2) - be confused :-/"));
+    EXPECT_TRUE(
+        h.waitForLine("[ERROR] CANTransportThread::processSendQueue() reached end of "
+                      "vector (2) - be confused :-/"));
     EXPECT_TRUE(waitUntil([&] { return h.transport.state.load() == 0; }, kEventWait));
     EXPECT_FALSE(h.transport.sendQueueEmpty());
     // The running timer then starts the payload again from its first frame.
@@ -391,6 +392,7 @@ TEST(Segmentation, FailedWriteToProxyChangesNoStateAndTheTimeoutFollows) {
     EXPECT_EQ(err[1], "[ERROR] errno 9: Bad file descriptor");
     EXPECT_EQ(err[2], failed);
     EXPECT_EQ(err[3], "[ERROR] errno 9: Bad file descriptor");
-    EXPECT_EQ(countLines(h.outLines(), "[INFO] CANTransportThread::handleSendError() send retry = 0"),
-              1u);
+    EXPECT_EQ(
+        countLines(h.outLines(), "[INFO] CANTransportThread::handleSendError() send retry = 0"),
+        1u);
 }

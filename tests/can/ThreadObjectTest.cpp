@@ -35,9 +35,13 @@ using qbtest::TestableTransport;
 using qbtest::TransportHarness;
 using Frames = std::vector<CANTransportThread::TPCANMsg>;
 
-bool isOpen(int fd) { return ::fcntl(fd, F_GETFD) != -1; }
+bool isOpen(int fd) {
+    return ::fcntl(fd, F_GETFD) != -1;
+}
 
-bool isClosed(int fd) { return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF; }
+bool isClosed(int fd) {
+    return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF;
+}
 
 std::string statusText(CANTransportThread::statuschange_t st) {
     std::ostringstream os;
@@ -48,7 +52,7 @@ std::string statusText(CANTransportThread::statuschange_t st) {
 // Lowers the descriptor limit and takes every free slot below it, then gives `freeSlots` of
 // them back, so that the next pipe() calls find exactly that many free descriptors.
 class DescriptorExhaustion {
-public:
+  public:
     explicit DescriptorExhaustion(int freeSlots) {
         ::getrlimit(RLIMIT_NOFILE, &saved);
         rlimit low = saved;
@@ -82,7 +86,7 @@ public:
     /// bad object: such a build cannot run code under exhaustion.
     static bool sanitizerProbesWithPipes() { return __ubsan_vptr_type_cache != nullptr; }
 
-private:
+  private:
     static constexpr rlim_t kLimit = 256;
     rlimit saved{};
     bool ok = false;
@@ -449,10 +453,11 @@ TEST(ThreadObject, OpenFailingAtSecondPipeKeepsFirstPipeUntilDestruction) {
         EXPECT_TRUE(isOpen(first[1]));
         EXPECT_EQ(t.writePipe[0], -1);
         EXPECT_EQ(t.writePipe[1], -1);
-        EXPECT_EQ(capture.errLines(), (std::vector<std::string>{
-                                          "[ERROR] CANTransportThread::open() failed to open pipe: ",
-                                          "[ERROR] errno 24: Too many open files",
-                                      }));
+        EXPECT_EQ(capture.errLines(),
+                  (std::vector<std::string>{
+                      "[ERROR] CANTransportThread::open() failed to open pipe: ",
+                      "[ERROR] errno 24: Too many open files",
+                  }));
     }
     EXPECT_TRUE(isClosed(first[0]));
     EXPECT_TRUE(isClosed(first[1]));
@@ -533,8 +538,7 @@ TEST(ThreadObject, StatusCallbackRunsOnTheTransportThreadWithNoLockHeld) {
     std::mutex callsMutex;
     std::vector<Call> calls;
     TransportHarness h(0);
-    CANTransportThread::delstatus_t cb = [&](CANTransportThread::statuschange_t st,
-                                             uint16_t arg) {
+    CANTransportThread::delstatus_t cb = [&](CANTransportThread::statuschange_t st, uint16_t arg) {
         Call c{st, arg, false, false, false};
         c.onWorker = h.transport.hasWorker() && pthread_equal(pthread_self(), h.transport.worker());
         pthread_mutex_t& queueLock = h.transport.mutexBufferLock.getMutex();

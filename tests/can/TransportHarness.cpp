@@ -151,9 +151,13 @@ TransportHarness::TransportHarness(const Options& options)
     appReader.reset(new MessageReader(readFD));
 }
 
-TransportHarness::~TransportHarness() { transport.stop(); }
+TransportHarness::~TransportHarness() {
+    transport.stop();
+}
 
-void TransportHarness::start() { transport.start(); }
+void TransportHarness::start() {
+    transport.start();
+}
 
 void TransportHarness::writeInput(const Bytes& bytes) {
     size_t done = 0;

@@ -46,7 +46,7 @@ constexpr uint32_t kPeerId = 0x7E8;
 /// It records the POSIX handle of its thread (so that a test can signal it) and otherwise runs
 /// the endpoint's own thread body unchanged.
 class TestableTransport : public CANTransportThread {
-public:
+  public:
     explicit TestableTransport(int debugLevel) : CANTransportThread(debugLevel) {}
     ~TestableTransport() override { stop(); }
     TestableTransport(const TestableTransport&) = delete;
@@ -110,7 +110,7 @@ public:
     bool hasWorker() const { return workerKnown.load(); }
     pthread_t worker() const { return workerHandle; }
 
-private:
+  private:
     pthread_t workerHandle{};
     std::atomic<bool> workerKnown{false};
 };
@@ -124,14 +124,14 @@ struct StatusEvent {
 
 /// Records every call of the status callback, with its time, under a mutex.
 class StatusRecorder {
-public:
+  public:
     CANTransportThread::delstatus_t callback();
     std::vector<StatusEvent> events() const;
     size_t count() const;
     /// Waits until at least `n` calls have been recorded.
     bool waitForCount(size_t n, milliseconds timeout) const;
 
-private:
+  private:
     mutable std::mutex mutex;
     std::vector<StatusEvent> recorded;
 };
@@ -160,12 +160,12 @@ struct DeliveredPayload {
 
 /// Reads trace messages from a descriptor with a deadline (poll, then TraceMessageBuffer).
 class MessageReader {
-public:
+  public:
     explicit MessageReader(int fd);
     /// The next message, or null if none arrived within `timeout` (or the writer closed).
     std::unique_ptr<MessageBase> next(milliseconds timeout);
 
-private:
+  private:
     int fd;
     TraceMessageBuffer buffer;
 };
@@ -186,7 +186,7 @@ size_t countLines(const std::vector<std::string>& lines, const std::string& line
 /// A configured endpoint with a scripted peer around it. The output capture is created first
 /// and destroyed last; the destructor stops the endpoint's thread before anything else goes.
 class TransportHarness {
-public:
+  public:
     struct Options {
         int debug = 0;
         bool withCallback = true;
@@ -237,7 +237,7 @@ public:
     int readFD = -1;   // the application reads delivered payloads here
     int writeFD = -1;  // the application writes payloads and received frames here
 
-private:
+  private:
     static Options makeOptions(int debugLevel) {
         Options o;
         o.debug = debugLevel;
