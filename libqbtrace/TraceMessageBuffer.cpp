@@ -306,6 +306,23 @@ void compact(byteVec_t& buffer, size_t& start) {
     }
 }
 
+// True if getNextMessage() would return a message or throw (drop bytes) without more input.
+bool frontIsParseable(const byteVec_t& buffer, size_t start) {
+    const size_t avail = buffer.size() - start;
+    if (avail == 0) {
+        return false;
+    }
+    Header h;
+    const HeaderResult r = checkHeader(buffer.data() + start, avail, h);
+    if (r == HDR_INCOMPLETE) {
+        return false;
+    }
+    if (r != HDR_VALID) {
+        return true;
+    }
+    return avail >= messageLength(h);
+}
+
 }  // namespace
 
 TraceMessageBuffer::TraceMessageBuffer(int fd, std::mutex* mutex)
@@ -314,6 +331,15 @@ TraceMessageBuffer::TraceMessageBuffer(int fd, std::mutex* mutex)
 TraceMessageBuffer::~TraceMessageBuffer() = default;
 
 int TraceMessageBuffer::read() {
+    {
+        // While a whole chunk of unparsed input is buffered and the front can be parsed, the
+        // bytes stay in the descriptor: a writer faster than its reader then waits there (the
+        // pipe's own limit) instead of growing this buffer without bound.
+        OptionalLock lock(mutex);
+        if (buffer.size() - start >= READ_CHUNK_LIMIT && frontIsParseable(buffer, start)) {
+            return 0;
+        }
+    }
     // The mode is looked up at every call: the owner may switch it after construction.
     const int flags = ::fcntl(fd, F_GETFL);
     if (flags < 0) {
@@ -433,19 +459,7 @@ bool TraceMessageBuffer::atEndOfInput() const {
 
 bool TraceMessageBuffer::hasUnparsedInput() const {
     OptionalLock lock(mutex);
-    const size_t avail = buffer.size() - start;
-    if (avail == 0) {
-        return false;
-    }
-    Header h;
-    const HeaderResult r = checkHeader(buffer.data() + start, avail, h);
-    if (r == HDR_INCOMPLETE) {
-        return false;
-    }
-    if (r != HDR_VALID) {
-        return true;
-    }
-    return avail >= messageLength(h);
+    return frontIsParseable(buffer, start);
 }
 
 size_t TraceMessageBuffer::bufferedBytes() const {

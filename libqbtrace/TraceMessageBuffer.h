@@ -20,7 +20,10 @@
 ///
 /// Memory: bytes already parsed are erased from the front of the buffer once they are at least
 /// 4 KiB and no fewer than the unparsed ones, so the buffer stays within a small multiple of what
-/// has been read and not yet parsed; read() takes at most READ_CHUNK_LIMIT bytes per call.
+/// has been read and not yet parsed; read() takes at most READ_CHUNK_LIMIT bytes per call, and
+/// none while READ_CHUNK_LIMIT unparsed bytes starting with a whole message are buffered. So the
+/// unparsed bytes stay below twice READ_CHUNK_LIMIT plus one message, and a writer faster than
+/// the parser waits on the descriptor.
 ///
 /// Thread rules: with a null mutex, one thread uses the object. With a mutex, read(),
 /// getNextMessage() and the queries take it, so that one thread may read while another parses.
@@ -38,13 +41,14 @@ class TraceMessageBuffer {
     TraceMessageBuffer& operator=(const TraceMessageBuffer&) = delete;
 
     /// Reads what is available on the descriptor into the buffer.
-    /// Returns the number of bytes read (0 when a non-blocking descriptor has nothing now: that
-    /// is not a failure), END_OF_INPUT at end of file, or -1 on failure with errno set (the
-    /// buffer stays usable). Interrupted reads are resumed. On a non-blocking descriptor it reads
-    /// until the descriptor is empty, at end of file, or after READ_CHUNK_LIMIT bytes; bytes that
-    /// came before the end of file in the same call are returned as a count and the end is
-    /// reported by the next call (atEndOfInput() is true from the first). On a blocking
-    /// descriptor it makes one read() call, which waits for data.
+    /// Returns the number of bytes read (0 when a non-blocking descriptor has nothing now, or
+    /// when enough is buffered, see Memory above: neither is a failure), END_OF_INPUT at end of
+    /// file, or -1 on failure with errno set (the buffer stays usable). Interrupted reads are
+    /// resumed. On a non-blocking descriptor it reads until the descriptor is empty, at end of
+    /// file, or after READ_CHUNK_LIMIT bytes; bytes that came before the end of file in the same
+    /// call are returned as a count and the end is reported by the next call (atEndOfInput() is
+    /// true from the first). On a blocking descriptor it makes one read() call, which waits for
+    /// data.
     int read();
 
     /// Adds bytes to the buffer as if they had been read (for callers that get the bytes

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <atomic>
 #include <chrono>
@@ -226,7 +227,7 @@ TEST(TraceMessageBufferRead, BlockingDescriptorReadsWhatIsThereWithOneCall) {
     EXPECT_TRUE(buffer.atEndOfInput());
 }
 
-TEST(TraceMessageBufferRead, OneCallTakesAtMostTheChunkLimit) {
+TEST(TraceMessageBufferRead, OneCallTakesAtMostTheChunkLimitAndNoneWhileAChunkIsBuffered) {
     Pipe pipe(true);
     const int capacity = ::fcntl(pipe.writeEnd(), F_SETPIPE_SZ, 256 * 1024);
     ASSERT_GE(capacity, 256 * 1024) << "cannot enlarge the pipe, errno " << errno;
@@ -240,14 +241,28 @@ TEST(TraceMessageBufferRead, OneCallTakesAtMostTheChunkLimit) {
 
     TraceMessageBuffer buffer(pipe.readEnd(), nullptr);
     EXPECT_EQ(65536, buffer.read());
-    EXPECT_EQ(65536, buffer.read());
-    EXPECT_EQ(static_cast<int>(30 * 5029 - 2 * 65536), buffer.read());
+    // A whole chunk, starting with whole messages, is waiting to be parsed: the rest stays in
+    // the pipe, where a faster writer would have to wait.
     EXPECT_EQ(0, buffer.read());
+    EXPECT_EQ(65536u, buffer.bufferedBytes());
+    EXPECT_FALSE(buffer.atEndOfInput());
+
+    // Reading and parsing in turn takes the whole stream; the buffer never holds more than two
+    // chunks and one message.
+    size_t taken = 65536;
+    size_t mostBuffered = buffer.bufferedBytes();
     for (uint32_t i = 0; i < 30; ++i) {
+        const int n = buffer.read();
+        ASSERT_GE(n, 0);
+        taken += static_cast<size_t>(n);
+        mostBuffered = std::max(mostBuffered, buffer.bufferedBytes());
         std::unique_ptr<MessageBase> msg(buffer.getNextMessage());
         ASSERT_NE(nullptr, msg) << "message " << i;
         qbtest::expectSameMessage(transport(i, 5000, static_cast<uint8_t>(i)), *msg);
     }
+    EXPECT_EQ(30u * 5029u, taken);
+    EXPECT_LE(mostBuffered, 2u * 65536u + 5029u);
+    EXPECT_EQ(0, buffer.read());
     EXPECT_EQ(nullptr, buffer.getNextMessage());
     EXPECT_EQ(0u, buffer.bufferedBytes());
 }
