@@ -16,6 +16,7 @@
 #include "common/Wait.h"
 #include "libqbcan/CANTransportThread.h"
 
+using qbtest::countLines;
 using qbtest::EndToEndWiring;
 using qbtest::OutputCapture;
 
@@ -65,10 +66,6 @@ std::vector<byteVec_t> makeStream(uint32_t seed, size_t n) {
         payloads.push_back(randomBytes(rng, length(rng)));
     }
     return payloads;
-}
-
-size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
 size_t countLinesContaining(const std::vector<std::string>& lines, const std::string& text) {

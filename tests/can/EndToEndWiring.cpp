@@ -7,6 +7,7 @@
 
 #include <stdexcept>
 
+#include "can/TransportHarness.h"
 #include "common/Wait.h"
 #include "libqbtrace/CANExtTraceMessage.h"
 #include "libqbtrace/CANTraceMessageBase.h"
@@ -27,13 +28,6 @@ void setNonBlocking(int fd) {
     if (flags == -1 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) == -1) {
         throw std::runtime_error("fcntl(O_NONBLOCK) failed");
     }
-}
-
-byteVec_t serialisePayload(const byteVec_t& payload) {
-    const CANTransportTraceMessage msg(0, 0, payload.begin(), payload.end(), CT_STANDARD);
-    byteVec_t bytes;
-    msg.createByteArray(bytes, true, false);
-    return bytes;
 }
 
 }  // namespace
@@ -116,13 +110,13 @@ void EndToEndWiring::stop() {
 }
 
 bool EndToEndWiring::submit(Side side, const byteVec_t& payload) {
-    return writeInput(side, serialisePayload(payload));
+    return writeInput(side, payloadMessage(payload));
 }
 
 bool EndToEndWiring::submitAll(Side side, const std::vector<byteVec_t>& payloads) {
     byteVec_t bytes;
     for (const byteVec_t& payload : payloads) {
-        const byteVec_t one = serialisePayload(payload);
+        const byteVec_t one = payloadMessage(payload);
         bytes.insert(bytes.end(), one.begin(), one.end());
     }
     return writeInput(side, bytes);
@@ -130,33 +124,18 @@ bool EndToEndWiring::submitAll(Side side, const std::vector<byteVec_t>& payloads
 
 bool EndToEndWiring::writeInput(Side side, const byteVec_t& bytes) {
     std::lock_guard<std::mutex> lock(inputMutex[side]);
-    size_t done = 0;
-    while (done < bytes.size()) {
-        if (stopping) {
-            return false;
-        }
-        const ssize_t n = ::write(inputFD[side], bytes.data() + done, bytes.size() - done);
-        if (n > 0) {
-            done += static_cast<size_t>(n);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            pollfd fds[2] = {{inputFD[side], POLLOUT, 0}, {stopSignal.readEnd(), POLLIN, 0}};
-            if (::poll(fds, 2, -1) < 0 && errno != EINTR) {
-                break;
-            }
-            if (fds[1].revents != 0) {
-                return false;
-            }
-            continue;
-        }
-        break;
+    if (stopping) {
+        return false;
     }
-    if (done == bytes.size()) {
-        return true;
+    // The wait for room in the input ends with the stop signal as well: the write is then given
+    // up, which is not a failure.
+    const bool written = writeAll(inputFD[side], bytes, [&] {
+        pollfd fds[2] = {{inputFD[side], POLLOUT, 0}, {stopSignal.readEnd(), POLLIN, 0}};
+        const bool failed = ::poll(fds, 2, -1) < 0 && errno != EINTR;
+        return !failed && fds[1].revents == 0;
+    });
+    if (written || stopping) {
+        return written;
     }
     std::lock_guard<std::mutex> dataLock(dataMutex);
     ++writeFailures;
@@ -196,30 +175,13 @@ void EndToEndWiring::forwarderLoop() {
             if (proxyIndex[side] < 0 || fds[proxyIndex[side]].revents == 0) {
                 continue;
             }
-            const int got = buffers[side]->read();
-            if (got < 0) {
-                // End of input or a read failure: nothing more comes from this pipe.
-                std::lock_guard<std::mutex> lock(dataMutex);
-                ++unexpected;
-                return;
+            if (!readMore(*buffers[side])) {
+                return;  // end of input or a read failure: nothing more comes from this pipe
             }
-            for (;;) {
-                MessageBase* msg = nullptr;
-                try {
-                    msg = buffers[side]->getNextMessage();
-                } catch (const QBException&) {
-                    std::lock_guard<std::mutex> lock(dataMutex);
-                    ++unexpected;
-                    continue;
-                }
-                if (msg == nullptr) {
-                    break;
-                }
-                std::unique_ptr<MessageBase> owned(msg);
-                const CANTraceMessageBase* frame = dynamic_cast<const CANTraceMessageBase*>(msg);
+            while (std::unique_ptr<MessageBase> msg = nextMessage(*buffers[side])) {
+                const auto* frame = dynamic_cast<const CANTraceMessageBase*>(msg.get());
                 if (frame == nullptr || msg->getMessageId() != MSGID_CAN_EXT) {
-                    std::lock_guard<std::mutex> lock(dataMutex);
-                    ++unexpected;
+                    countUnexpected();
                     continue;
                 }
                 Frame f{frame->getCanId(), frame->getNumberOfDataBytes(), {}};
@@ -274,30 +236,13 @@ void EndToEndWiring::readerLoop(Side side) {
         if (n <= 0 || fds[0].revents == 0) {
             continue;
         }
-        const int got = buffer.read();
-        if (got < 0) {
-            std::lock_guard<std::mutex> lock(dataMutex);
-            ++unexpected;
+        if (!readMore(buffer)) {
             return;
         }
-        for (;;) {
-            MessageBase* msg = nullptr;
-            try {
-                msg = buffer.getNextMessage();
-            } catch (const QBException&) {
-                std::lock_guard<std::mutex> lock(dataMutex);
-                ++unexpected;
-                continue;
-            }
-            if (msg == nullptr) {
-                break;
-            }
-            std::unique_ptr<MessageBase> owned(msg);
-            const CANTransportTraceMessage* payload =
-                dynamic_cast<const CANTransportTraceMessage*>(msg);
+        while (std::unique_ptr<MessageBase> msg = nextMessage(buffer)) {
+            const auto* payload = dynamic_cast<const CANTransportTraceMessage*>(msg.get());
             if (payload == nullptr) {
-                std::lock_guard<std::mutex> lock(dataMutex);
-                ++unexpected;
+                countUnexpected();
                 continue;
             }
             size_t index;
@@ -313,6 +258,29 @@ void EndToEndWiring::readerLoop(Side side) {
             }
         }
     }
+}
+
+bool EndToEndWiring::readMore(TraceMessageBuffer& buffer) {
+    if (buffer.read() >= 0) {
+        return true;
+    }
+    countUnexpected();
+    return false;
+}
+
+std::unique_ptr<MessageBase> EndToEndWiring::nextMessage(TraceMessageBuffer& buffer) {
+    for (;;) {
+        try {
+            return std::unique_ptr<MessageBase>(buffer.getNextMessage());
+        } catch (const QBException&) {
+            countUnexpected();
+        }
+    }
+}
+
+void EndToEndWiring::countUnexpected() {
+    std::lock_guard<std::mutex> lock(dataMutex);
+    ++unexpected;
 }
 
 void EndToEndWiring::onStatus(Side side, CANTransportThread::statuschange_t status, uint16_t id) {

@@ -18,6 +18,9 @@
 #include "libqbtrace/constants_canmessage.h"
 #include "libqbutil/utility.h"
 
+class MessageBase;
+class TraceMessageBuffer;
+
 namespace qbtest {
 
 /// Endpoint A (frames sent with identifier 0x7E0) and endpoint B (0x7E8), each behind its own
@@ -134,6 +137,13 @@ class EndToEndWiring {
     void forwarderLoop();
     void forwardFrames(Side from);
     void readerLoop(Side side);
+    /// Reads what is waiting into `buffer`; false (counted as unexpected) at end of input or on
+    /// a read failure.
+    bool readMore(TraceMessageBuffer& buffer);
+    /// The next complete message in `buffer`, or null; bytes that do not parse are counted as
+    /// unexpected and skipped.
+    std::unique_ptr<MessageBase> nextMessage(TraceMessageBuffer& buffer);
+    void countUnexpected();
     void onStatus(Side side, CANTransportThread::statuschange_t status, uint16_t id);
     template <typename Predicate>
     bool waitFor(Predicate predicate, std::chrono::milliseconds timeout) const;

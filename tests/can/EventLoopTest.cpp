@@ -16,24 +16,13 @@
 #include <vector>
 
 #include "can/TransportHarness.h"
+#include "common/Bytes.h"
 #include "common/Wait.h"
 #include "libqbtrace/RawTraceMessage.h"
 
+using namespace qbtest;
+
 namespace {
-
-using qbtest::Bytes;
-using qbtest::countLines;
-using qbtest::kEventWait;
-using qbtest::kOneSecondHigh;
-using qbtest::kOneSecondLow;
-using qbtest::kTimerWait;
-using qbtest::monotonicSeconds;
-using qbtest::TransportHarness;
-using qbtest::waitUntil;
-using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
-
-const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};
 
 // One expected log line and the lowest debug level at which it is written (0: always).
 struct Logged {
@@ -224,10 +213,7 @@ TEST_P(LoopLogGating, TwoPayloadsWithTimeoutBetweenWriteExactlyTheLinesOfTheLeve
         "[DEBUG] CANTransportThread::threadCode() state = RCTS_SENDING RCTS_WAIT_FOR_FC ";
     TransportHarness h(level);
     h.start();
-    Bytes input = qbtest::payloadMessage({0x22, 0xF1, 0x90});
-    const Bytes second = qbtest::payloadMessage({0x3E, 0x00});
-    input.insert(input.end(), second.begin(), second.end());
-    h.writeInput(input);
+    h.writeInput(concat({payloadMessage({0x22, 0xF1, 0x90}), payloadMessage({0x3E, 0x00})}));
     ASSERT_TRUE(h.expectFrame({0x03, 0x22, 0xF1, 0x90, 0, 0, 0, 0}));
     if (level >= 1) {
         ASSERT_TRUE(h.waitForLineCount(waiting, 1));  // back in the wait before the answer
@@ -244,7 +230,7 @@ TEST_P(LoopLogGating, TwoPayloadsWithTimeoutBetweenWriteExactlyTheLinesOfTheLeve
     h.transport.stop();
     EXPECT_EQ(h.outLines(), expected);
     EXPECT_TRUE(h.errLines().empty());
-    const std::vector<qbtest::StatusEvent> ev = h.status.events();
+    const std::vector<StatusEvent> ev = h.status.events();
     ASSERT_EQ(ev.size(), 3u);
     EXPECT_EQ(ev[0].status, CANTransportThread::CTT_CONNECTED);
     EXPECT_EQ(ev[0].arg, 0);
@@ -401,7 +387,7 @@ TEST(EventLoop, CanMessageWithNineDataBytesReachesFrameHandlerWithLenNine) {
 
 TEST(EventLoop, NinthDataByteStaysOutOfTheFrameRecord) {
     TransportHarness h(0);
-    const Bytes input = qbtest::canFrameMessage({0x07, 1, 2, 3, 4, 5, 6, 7, 0xEE});
+    const Bytes input = canFrameMessage({0x07, 1, 2, 3, 4, 5, 6, 7, 0xEE});
     h.writeInput(input);
     h.transport.handleData();  // on the test's thread: the record lives on its stack
     EXPECT_TRUE(h.expectPayload({1, 2, 3, 4, 5, 6, 7}, 0x7E8));
@@ -411,11 +397,11 @@ TEST(EventLoop, NinthDataByteStaysOutOfTheFrameRecord) {
 TEST(EventLoop, AllThreeCanMessageKindsAreTakenAsFrames) {
     TransportHarness h(0);
     h.start();
-    h.writeInput(qbtest::canFrameMessage({0x01, 0xA1, 0, 0, 0, 0, 0, 0}, 0x101, MSGID_CAN));
+    h.writeInput(canFrameMessage({0x01, 0xA1, 0, 0, 0, 0, 0, 0}, 0x101, MSGID_CAN));
     EXPECT_TRUE(h.expectPayload({0xA1}, 0x101));
-    h.writeInput(qbtest::canFrameMessage({0x01, 0xA2, 0, 0, 0, 0, 0, 0}, 0x102, MSGID_CAN_EXT));
+    h.writeInput(canFrameMessage({0x01, 0xA2, 0, 0, 0, 0, 0, 0}, 0x102, MSGID_CAN_EXT));
     EXPECT_TRUE(h.expectPayload({0xA2}, 0x102));
-    h.writeInput(qbtest::canFrameMessage({0x01, 0xA3, 0, 0, 0, 0, 0, 0}, 0x103, MSGID_CAN_PROXY));
+    h.writeInput(canFrameMessage({0x01, 0xA3, 0, 0, 0, 0, 0, 0}, 0x103, MSGID_CAN_PROXY));
     EXPECT_TRUE(h.expectPayload({0xA3}, 0x103));
 }
 
@@ -433,7 +419,7 @@ TEST(EventLoop, CanMessageWithTwelveDataBytesEndsTheThreadWithBufferMismatch) {
 
 TEST(EventLoop, CanMessageWithTwelveDataBytesThrowsOutOfHandleData) {
     TransportHarness h(0);
-    h.writeInput(qbtest::canFrameMessage({0x02, 0x41, 0x42, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    h.writeInput(canFrameMessage({0x02, 0x41, 0x42, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     bool thrown = false;
     try {
         h.transport.handleData();
@@ -610,10 +596,8 @@ TEST(EventLoop, EmptyInputPipeWritesNoErrorLine) {
 TEST(EventLoop, AllMessagesOfOneWriteAreHandledInOnePass) {
     TransportHarness h(3);
     h.start();
-    Bytes input = qbtest::canFrameMessage({0x01, 0x51, 0, 0, 0, 0, 0, 0});
-    const Bytes second = qbtest::canFrameMessage({0x01, 0x52, 0, 0, 0, 0, 0, 0});
-    input.insert(input.end(), second.begin(), second.end());
-    h.writeInput(input);
+    h.writeInput(concat({canFrameMessage({0x01, 0x51, 0, 0, 0, 0, 0, 0}),
+                         canFrameMessage({0x01, 0x52, 0, 0, 0, 0, 0, 0})}));
     EXPECT_TRUE(h.expectPayload({0x51}, 0x7E8));
     EXPECT_TRUE(h.expectPayload({0x52}, 0x7E8));
     EXPECT_TRUE(h.expectFrame(kAck));
@@ -670,10 +654,7 @@ TEST(EventLoop, ClosedInputStillServesTheProtocolTimer) {
 TEST(EventLoop, GarbageBeforeAPayloadIsReportedAndThePayloadIsSentInTheSamePass) {
     TransportHarness h(0);
     h.start();
-    Bytes input{0x01, 0x02, 0x03, 0x04, 0x05};
-    const Bytes payload = qbtest::payloadMessage({0x22, 0xF1});
-    input.insert(input.end(), payload.begin(), payload.end());
-    h.writeInput(input);
+    h.writeInput(concat({{0x01, 0x02, 0x03, 0x04, 0x05}, payloadMessage({0x22, 0xF1})}));
     EXPECT_TRUE(
         h.waitForLine("[ERROR] CANTransportThread::getNextTraceMessage() Got exception: "
                       "QBException: trace message stream: dropped 5 bytes: no message header"));

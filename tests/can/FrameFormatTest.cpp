@@ -11,22 +11,9 @@
 #include "can/TransportHarness.h"
 #include "libqbcan/cantransport.h"
 
+using namespace qbtest;
+
 namespace {
-
-using qbtest::Bytes;
-using qbtest::countingBytes;
-using qbtest::TransportHarness;
-using TPCANMsg = CANTransportThread::TPCANMsg;
-
-TPCANMsg makeFrame(uint32_t id, uint8_t len, const Bytes& data) {
-    TPCANMsg m{};
-    m.ID = id;
-    m.LEN = len;
-    for (size_t i = 0; i < data.size() && i < 8; ++i) {
-        m.DATA[i] = data[i];
-    }
-    return m;
-}
 
 std::string printed(const TPCANMsg& m) {
     std::ostringstream os;
@@ -39,7 +26,7 @@ Bytes dataOf(const TPCANMsg& m) {
 }
 
 // The frames of the payload at the front of the send queue.
-std::vector<Bytes> frontFrames(qbtest::TestableTransport& t) {
+std::vector<Bytes> frontFrames(TestableTransport& t) {
     std::vector<Bytes> frames;
     if (t.sendQueue.empty()) {
         return frames;
@@ -58,26 +45,25 @@ std::vector<Bytes> frontFrames(qbtest::TestableTransport& t) {
 // Printed form of a frame
 
 TEST(FrameFormat, PrintedFrameHasTwoBlanksBetweenLengthAndFirstByte) {
-    EXPECT_EQ(printed(makeFrame(0x7E0, 8, {0x03, 0x22, 0xF1, 0x90, 0, 0, 0, 0})),
+    EXPECT_EQ(printed(frame(0x7E0, 8, {0x03, 0x22, 0xF1, 0x90, 0, 0, 0, 0})),
               " 0x000007e0 8  0x03 0x22 0xf1 0x90 0x00 0x00 0x00 0x00");
 }
 
 TEST(FrameFormat, PrintedFrameWithLengthZeroHasNoDataPartAndNoTrailingBlank) {
-    EXPECT_EQ(printed(makeFrame(0x7E0, 0, {0x11, 0x22})), " 0x000007e0 0");
+    EXPECT_EQ(printed(frame(0x7E0, 0, {0x11, 0x22})), " 0x000007e0 0");
 }
 
 TEST(FrameFormat, PrintedFrameShowsLenBytesInLowerCaseHex) {
-    EXPECT_EQ(printed(makeFrame(0x123, 3, {0xAB, 0x0C, 0xD0, 0xEE})),
-              " 0x00000123 3  0xab 0x0c 0xd0");
-    EXPECT_EQ(printed(makeFrame(0xFFFFFFFF, 1, {0xFF})), " 0xffffffff 1  0xff");
-    EXPECT_EQ(printed(makeFrame(0x1ABCDEF0, 2, {1, 2})), " 0x1abcdef0 2  0x01 0x02");
+    EXPECT_EQ(printed(frame(0x123, 3, {0xAB, 0x0C, 0xD0, 0xEE})), " 0x00000123 3  0xab 0x0c 0xd0");
+    EXPECT_EQ(printed(frame(0xFFFFFFFF, 1, {0xFF})), " 0xffffffff 1  0xff");
+    EXPECT_EQ(printed(frame(0x1ABCDEF0, 2, {1, 2})), " 0x1abcdef0 2  0x01 0x02");
 }
 
 TEST(FrameFormat, PrintedFrameWithLengthAboveEightShowsTheEightBytesTheRecordHolds) {
     // LEN is printed in hexadecimal as it stands; the record holds 8 data bytes.
-    EXPECT_EQ(printed(makeFrame(0x7E8, 9, {1, 2, 3, 4, 5, 6, 7, 8})),
+    EXPECT_EQ(printed(frame(0x7E8, 9, {1, 2, 3, 4, 5, 6, 7, 8})),
               " 0x000007e8 9  0x01 0x02 0x03 0x04 0x05 0x06 0x07 0x08");
-    EXPECT_EQ(printed(makeFrame(0x7E8, 12, {1, 2, 3, 4, 5, 6, 7, 8})),
+    EXPECT_EQ(printed(frame(0x7E8, 12, {1, 2, 3, 4, 5, 6, 7, 8})),
               " 0x000007e8 c  0x01 0x02 0x03 0x04 0x05 0x06 0x07 0x08");
 }
 
@@ -85,7 +71,7 @@ TEST(FrameFormat, PrintingAFrameLeavesStreamBaseFillAndWidthAsFound) {
     std::ostringstream os;
     os << std::oct << std::setfill('*');
     os.width(6);
-    os << makeFrame(0x7E0, 0, {});
+    os << frame(0x7E0, 0, {});
     EXPECT_EQ(os.fill(), '*');
     EXPECT_EQ(os.width(), 6);
     os << 8;
@@ -94,7 +80,7 @@ TEST(FrameFormat, PrintingAFrameLeavesStreamBaseFillAndWidthAsFound) {
     std::ostringstream decStream;
     decStream << std::dec << std::boolalpha;
     const auto flags = decStream.flags();
-    decStream << makeFrame(0x7E0, 1, {0xAB});
+    decStream << frame(0x7E0, 1, {0xAB});
     EXPECT_EQ(decStream.flags(), flags);
     decStream << ' ' << 26 << ' ' << true;
     EXPECT_EQ(decStream.str(), " 0x000007e0 1  0xab 26 true");
@@ -290,14 +276,14 @@ TEST(FrameFormat, EmptyPayloadSentToAnotherEndpointIsRefusedAsInvalid) {
     TransportHarness sender(0);
     sender.start();
     sender.sendPayload({});
-    std::optional<qbtest::ProxyFrame> f = sender.nextFrame(qbtest::kEventWait);
+    std::optional<ProxyFrame> f = sender.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     ASSERT_EQ(f->data, (Bytes{0, 0, 0, 0, 0, 0, 0, 0}));
 
     TransportHarness receiver(0);
     receiver.start();
     receiver.sendFrame(f->data, f->canId);
-    EXPECT_TRUE(receiver.expectFrame({0x30, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_TRUE(receiver.expectFrame(kNotReady));
     EXPECT_TRUE(receiver.waitForLine(
         "[ERROR] CANTransportThread::showError() received single frame but expected first or "
         "single frame"));
@@ -309,9 +295,9 @@ TEST(FrameFormat, EmptyPayloadSentToAnotherEndpointIsRefusedAsInvalid) {
 
 TEST(FrameFormat, FrameIsCarriedAsCanExtTraceMessageWithFixedFields) {
     TransportHarness h(0);
-    TPCANMsg m = makeFrame(0x7FF, 8, {0x21, 1, 2, 3, 4, 5, 6, 7});
+    TPCANMsg m = frame(0x7FF, 8, {0x21, 1, 2, 3, 4, 5, 6, 7});
     h.transport.sendCANMessage(m);
-    std::optional<qbtest::ProxyFrame> f = h.nextFrame(qbtest::kEventWait);
+    std::optional<ProxyFrame> f = h.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     EXPECT_EQ(f->msgId, MSGID_CAN_EXT);
     EXPECT_EQ(f->timeStamp, 0u);
@@ -325,34 +311,32 @@ TEST(FrameFormat, FrameIsCarriedAsCanExtTraceMessageWithFixedFields) {
 
 TEST(FrameFormat, IdentifierAbove7FFLosesItsUpperBits) {
     TransportHarness h(0);
-    TPCANMsg m = makeFrame(0x800, 8, {0x30, 0, 0, 0, 0, 0, 0, 0});
+    TPCANMsg m = frame(0x800, 8, {0x30, 0, 0, 0, 0, 0, 0, 0});
     h.transport.sendCANMessage(m);
-    TPCANMsg m2 = makeFrame(0x1FE5, 8, {0x31, 0, 0, 0, 0, 0, 0, 0});
+    TPCANMsg m2 = frame(0x1FE5, 8, {0x31, 0, 0, 0, 0, 0, 0, 0});
     h.transport.sendCANMessage(m2);
-    std::optional<qbtest::ProxyFrame> f = h.nextFrame(qbtest::kEventWait);
+    std::optional<ProxyFrame> f = h.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     EXPECT_EQ(f->canId, 0u);
-    f = h.nextFrame(qbtest::kEventWait);
+    f = h.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     EXPECT_EQ(f->canId, 0x7E5u);
 }
 
 TEST(FrameFormat, CarriedFrameHoldsTheFirstLenBytes) {
     TransportHarness h(0);
-    TPCANMsg m = makeFrame(0x100, 3, {0x0A, 0x0B, 0x0C, 0x0D});
+    TPCANMsg m = frame(0x100, 3, {0x0A, 0x0B, 0x0C, 0x0D});
     h.transport.sendCANMessage(m);
-    std::optional<qbtest::ProxyFrame> f = h.nextFrame(qbtest::kEventWait);
+    std::optional<ProxyFrame> f = h.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     EXPECT_EQ(f->data, (Bytes{0x0A, 0x0B, 0x0C}));
 }
 
 TEST(FrameFormat, FlowControlWithSendIdAbove7FFReachesProxyWithCutIdentifier) {
-    TransportHarness::Options o;
-    o.sendId = 0x08E0;
-    TransportHarness h(o);
+    TransportHarness h(withSendId(0x08E0));
     h.start();
     h.sendFrame({0x01, 0x55, 0, 0, 0, 0, 0, 0});
-    std::optional<qbtest::ProxyFrame> f = h.nextFrame(qbtest::kEventWait);
+    std::optional<ProxyFrame> f = h.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     EXPECT_EQ(f->canId, 0x0E0u);
     EXPECT_EQ(f->data, (Bytes{0x33, 0, 0, 0, 0, 0, 0, 0}));

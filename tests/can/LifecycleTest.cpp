@@ -1,8 +1,4 @@
 // Starting, stopping and destroying a running endpoint, and the exceptions that end its thread.
-#include <errno.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -15,28 +11,13 @@
 #include "common/Pipe.h"
 #include "common/Wait.h"
 
+using namespace qbtest;
+
 namespace {
-
-using qbtest::Bytes;
-using qbtest::countingBytes;
-using qbtest::kEventWait;
-using qbtest::monotonicSeconds;
-using qbtest::TestableTransport;
-using qbtest::TransportHarness;
-using qbtest::waitUntil;
-using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
-
-const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};
 
 // Stopping is a cancellation at the wait: it should take a few milliseconds at most. 100 ms
 // leaves room for a loaded machine and for the sanitizers.
 constexpr double kStopLimitSeconds = 0.100;
-
-bool isClosed(int fd) {
-    return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF;
-}
 
 }  // namespace
 
@@ -90,8 +71,8 @@ TEST(Lifecycle, StopMidTransferIsFastAndDestroyingAfterwardsIsClean) {
 }
 
 TEST(Lifecycle, DestroyingARunningEndpointStopsItFirst) {
-    qbtest::OutputCapture capture;
-    qbtest::Pipe proxy(true);
+    OutputCapture capture;
+    Pipe proxy(true);
     auto* t = new TestableTransport(0);
     int r = -1;
     int w = -1;
@@ -112,9 +93,7 @@ TEST(Lifecycle, DestroyingARunningEndpointStopsItFirst) {
 }
 
 TEST(Lifecycle, AcknowledgementWithoutCallbackEndsTheThread) {
-    TransportHarness::Options o;
-    o.withCallback = false;
-    TransportHarness h(o);
+    TransportHarness h(withoutCallback());
     h.start();
     h.sendPayload({0x22});
     ASSERT_TRUE(h.expectFrame({0x01, 0x22, 0, 0, 0, 0, 0, 0}));

@@ -12,37 +12,7 @@
 #include "can/TransportHarness.h"
 #include "common/Wait.h"
 
-namespace {
-
-using qbtest::Bytes;
-using qbtest::countingBytes;
-using qbtest::kEventWait;
-using qbtest::kOneSecondHigh;
-using qbtest::kOneSecondLow;
-using qbtest::kTimerWait;
-using qbtest::monotonicSeconds;
-using qbtest::TransportHarness;
-using qbtest::waitUntil;
-using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
-using TPCANMsg = CANTransportThread::TPCANMsg;
-
-const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kNotAck{0x32, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kNotReady{0x30, 0, 0, 0, 0, 0, 0, 0};
-
-TPCANMsg frame(uint32_t id, const Bytes& data) {
-    TPCANMsg m{};
-    m.ID = id;
-    m.LEN = 8;
-    for (size_t i = 0; i < 8 && i < data.size(); ++i) {
-        m.DATA[i] = data[i];
-    }
-    return m;
-}
-
-}  // namespace
+using namespace qbtest;
 
 // ---------------------------------------------------------------------------------------------
 // Single frames
@@ -107,7 +77,7 @@ TEST(Reassembly, FirstFrameAfterConstructionReportsConnectedBeforeItsHandling) {
     h.sendFrame({0x01, 0x42, 0, 0, 0, 0, 0, 0});
     ASSERT_TRUE(h.expectFrame(kAck));
     h.transport.stop();
-    const std::vector<qbtest::StatusEvent> ev = h.status.events();
+    const std::vector<StatusEvent> ev = h.status.events();
     ASSERT_EQ(ev.size(), 1u);
     EXPECT_EQ(ev[0].status, CANTransportThread::CTT_CONNECTED);
     EXPECT_EQ(ev[0].arg, 0);
@@ -126,9 +96,7 @@ TEST(Reassembly, FirstFrameAfterConstructionReportsConnectedBeforeItsHandling) {
 }
 
 TEST(Reassembly, WithoutCallbackFirstFrameOnlyMarksPeerConnected) {
-    TransportHarness::Options o;
-    o.withCallback = false;
-    TransportHarness h(o);
+    TransportHarness h(withoutCallback());
     h.start();
     h.sendFrame({0x01, 0x42, 0, 0, 0, 0, 0, 0});
     ASSERT_TRUE(h.expectFrame(kAck));
@@ -245,7 +213,7 @@ TEST(Reassembly, SeventeenthConsecutiveFrameMustCarrySequenceNumberZero) {
     for (int i = 0; i < 17; ++i) {
         Bytes cf{static_cast<uint8_t>(0x20 | (i & 0x0F))};
         cf.insert(cf.end(), payload.begin() + 6 + 7 * i, payload.begin() + 13 + 7 * i);
-        const Bytes msg = qbtest::canFrameMessage(cf);
+        const Bytes msg = canFrameMessage(cf);
         input.insert(input.end(), msg.begin(), msg.end());
     }
     h.writeInput(input);
@@ -272,11 +240,11 @@ TEST(Reassembly, SeventeenthConsecutiveFrameWithSequenceNumberSixteenIsRefused) 
 TEST(Reassembly, FramesOfOneTransferAreJoinedWhateverTheirIdentifiers) {
     TransportHarness h(0);
     h.start();
-    h.writeInput(qbtest::canFrameMessage({0x10, 0x0A, 1, 2, 3, 4, 5, 6}, 0x18DAF110, MSGID_CAN_EXT,
-                                         CT_EXTENDED));
+    h.writeInput(
+        canFrameMessage({0x10, 0x0A, 1, 2, 3, 4, 5, 6}, 0x18DAF110, MSGID_CAN_EXT, CT_EXTENDED));
     ASSERT_TRUE(h.expectFrame(kReady));
-    h.writeInput(qbtest::canFrameMessage({0x20, 7, 8, 9, 10, 0, 0, 0}, 0x18DA10F1, MSGID_CAN_EXT,
-                                         CT_EXTENDED));
+    h.writeInput(
+        canFrameMessage({0x20, 7, 8, 9, 10, 0, 0, 0}, 0x18DA10F1, MSGID_CAN_EXT, CT_EXTENDED));
     // The delivered identifier is the low 16 bits of the frame that completed the payload.
     EXPECT_TRUE(h.expectPayload(countingBytes(10, 1), 0x10F1));
     EXPECT_TRUE(h.expectFrame(kAck));
@@ -343,9 +311,7 @@ TEST(Reassembly, ConsecutiveFramesDoNotRestartTheReceiveTimer) {
 }
 
 TEST(Reassembly, ReceiveTimeoutWithoutCallbackLogsNothing) {
-    TransportHarness::Options o;
-    o.withCallback = false;
-    TransportHarness h(o);
+    TransportHarness h(withoutCallback());
     h.start();
     h.sendFrame({0x10, 0x14, 1, 2, 3, 4, 5, 6});
     ASSERT_TRUE(h.expectFrame(kReady));

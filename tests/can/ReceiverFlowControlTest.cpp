@@ -7,37 +7,9 @@
 #include "can/TransportHarness.h"
 #include "common/Wait.h"
 
+using namespace qbtest;
+
 namespace {
-
-using qbtest::Bytes;
-using qbtest::countingBytes;
-using qbtest::kEventWait;
-using qbtest::TransportHarness;
-using qbtest::waitUntil;
-using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
-using TPCANMsg = CANTransportThread::TPCANMsg;
-
-const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kNotReady{0x30, 0, 0, 0, 0, 0, 0, 0};
-
-TPCANMsg frame(uint32_t id, const Bytes& data) {
-    TPCANMsg m{};
-    m.ID = id;
-    m.LEN = 8;
-    for (size_t i = 0; i < 8 && i < data.size(); ++i) {
-        m.DATA[i] = data[i];
-    }
-    return m;
-}
-
-TransportHarness::Options withSendId(uint16_t id, int debugLevel = 0) {
-    TransportHarness::Options o;
-    o.sendId = id;
-    o.debug = debugLevel;
-    return o;
-}
 
 // The first error line showError writes for `data0` with the given expectation.
 std::string shownKind(uint8_t data0, CANTransportThread::frametype_t expected) {
@@ -309,7 +281,7 @@ TEST(ReceiverFlowControl, FirstFrameIsAnsweredReadyToReceiveWithSendId) {
     TransportHarness h(withSendId(0x123));
     h.start();
     h.sendFrame({0x10, 0x08, 1, 2, 3, 4, 5, 6}, 0x456);
-    std::optional<qbtest::ProxyFrame> f = h.nextFrame(kEventWait);
+    std::optional<ProxyFrame> f = h.nextFrame(kEventWait);
     ASSERT_TRUE(f.has_value());
     EXPECT_EQ(f->canId, 0x123u);  // never the identifier of the frame answered
     EXPECT_EQ(f->data, (Bytes{0x31, 0, 0, 0, 0, 0, 0, 0}));

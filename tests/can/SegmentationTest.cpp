@@ -9,47 +9,10 @@
 #include <vector>
 
 #include "can/TransportHarness.h"
+#include "common/Bytes.h"
 #include "common/Wait.h"
 
-namespace {
-
-using qbtest::Bytes;
-using qbtest::countingBytes;
-using qbtest::countLines;
-using qbtest::kEventWait;
-using qbtest::kOneSecondHigh;
-using qbtest::kOneSecondLow;
-using qbtest::kTimerWait;
-using qbtest::monotonicSeconds;
-using qbtest::TransportHarness;
-using qbtest::waitUntil;
-using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
-using TPCANMsg = CANTransportThread::TPCANMsg;
-using Frames = std::vector<TPCANMsg>;
-
-const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};
-
-TPCANMsg frame(const Bytes& data) {
-    TPCANMsg m{};
-    m.ID = 0x7E0;
-    m.LEN = 8;
-    for (size_t i = 0; i < 8 && i < data.size(); ++i) {
-        m.DATA[i] = data[i];
-    }
-    return m;
-}
-
-Bytes concat(const std::vector<Bytes>& parts) {
-    Bytes all;
-    for (const Bytes& p : parts) {
-        all.insert(all.end(), p.begin(), p.end());
-    }
-    return all;
-}
-
-}  // namespace
+using namespace qbtest;
 
 // ---------------------------------------------------------------------------------------------
 // Frames per payload, on the wire
@@ -102,7 +65,7 @@ TEST(Segmentation, Payload4096IsSentWholeInOneBurstAfterReadyToReceive) {
     h.sendFrame(kReady);
     std::vector<Bytes> frames;
     for (;;) {
-        std::optional<qbtest::ProxyFrame> f = h.nextFrame(milliseconds(300));
+        std::optional<ProxyFrame> f = h.nextFrame(milliseconds(300));
         if (!f) {
             break;
         }
@@ -196,8 +159,8 @@ TEST(Segmentation, PayloadArrivingWhileReceivingWaitsForTheRunningTimer) {
 TEST(Segmentation, ThreePayloadsAreSentStrictlyOneAfterTheOther) {
     TransportHarness h(0);
     h.start();
-    h.writeInput(concat({qbtest::payloadMessage({0x11}), qbtest::payloadMessage({0x12, 0x13}),
-                         qbtest::payloadMessage({0x14, 0x15, 0x16})}));
+    h.writeInput(concat({payloadMessage({0x11}), payloadMessage({0x12, 0x13}),
+                         payloadMessage({0x14, 0x15, 0x16})}));
     ASSERT_TRUE(h.expectFrame({0x01, 0x11, 0, 0, 0, 0, 0, 0}));
     EXPECT_TRUE(h.expectNoFrame(milliseconds(100)));
     EXPECT_FALSE(h.transport.sendQueueEmpty());
@@ -214,7 +177,7 @@ TEST(Segmentation, ThreePayloadsAreSentStrictlyOneAfterTheOther) {
     EXPECT_TRUE(h.expectNoFrame(milliseconds(50)));
     h.sendFrame(kAck);
     ASSERT_TRUE(h.status.waitForCount(4, kEventWait));
-    const std::vector<qbtest::StatusEvent> ev = h.status.events();
+    const std::vector<StatusEvent> ev = h.status.events();
     EXPECT_EQ(ev[0].status, CANTransportThread::CTT_CONNECTED);
     EXPECT_EQ(ev[1].status, CANTransportThread::CTT_ACKNOWLEDGED);
     EXPECT_EQ(ev[1].arg, 0x11);

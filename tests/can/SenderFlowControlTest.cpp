@@ -10,28 +10,10 @@
 #include "can/TransportHarness.h"
 #include "common/Wait.h"
 
+using namespace qbtest;
+
 namespace {
 
-using qbtest::Bytes;
-using qbtest::countingBytes;
-using qbtest::countLines;
-using qbtest::kEventWait;
-using qbtest::kOneSecondHigh;
-using qbtest::kOneSecondLow;
-using qbtest::kTimerWait;
-using qbtest::monotonicSeconds;
-using qbtest::StatusEvent;
-using qbtest::TransportHarness;
-using qbtest::waitUntil;
-using std::chrono::milliseconds;
-using Lines = std::vector<std::string>;
-using TPCANMsg = CANTransportThread::TPCANMsg;
-using Frames = std::vector<TPCANMsg>;
-
-const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kNotAck{0x32, 0, 0, 0, 0, 0, 0, 0};
-const Bytes kNotReady{0x30, 0, 0, 0, 0, 0, 0, 0};
 const Bytes kFrame22{0x01, 0x22, 0, 0, 0, 0, 0, 0};
 
 const char* const kRefused2 =
@@ -45,16 +27,6 @@ std::string retryLine(int n) {
     return "[INFO] CANTransportThread::handleSendError() send retry = " + std::to_string(n);
 }
 
-TPCANMsg frame(uint32_t id, const Bytes& data) {
-    TPCANMsg m{};
-    m.ID = id;
-    m.LEN = 8;
-    for (size_t i = 0; i < 8 && i < data.size(); ++i) {
-        m.DATA[i] = data[i];
-    }
-    return m;
-}
-
 // Lines containing `text`, in order.
 Lines linesWith(const Lines& lines, const std::string& text) {
     Lines found;
@@ -64,6 +36,26 @@ Lines linesWith(const Lines& lines, const std::string& text) {
         }
     }
     return found;
+}
+
+// The peer refuses the payload in flight with each flow control of `refusals` in turn; the
+// endpoint answers each by sending the payload's first frame `resent` again.
+void refuseEach(TransportHarness& h, const std::vector<Bytes>& refusals, const Bytes& resent) {
+    for (const Bytes& r : refusals) {
+        h.sendFrame(r);
+        ASSERT_TRUE(h.expectFrame(resent));
+    }
+}
+
+// Starts `h` and hands it the payload 22, which the peer refuses five times: the endpoint gives
+// the payload up and reports the peer lost (CTT_CONNECTED, CTT_DISCONNECTED).
+void startAndRefusePayload22FiveTimes(TransportHarness& h) {
+    h.start();
+    h.sendPayload({0x22});
+    ASSERT_TRUE(h.expectFrame(kFrame22));
+    ASSERT_NO_FATAL_FAILURE(refuseEach(h, {kNotAck, kNotAck, kNotAck, kNotAck}, kFrame22));
+    h.sendFrame(kNotAck);
+    ASSERT_TRUE(h.status.waitForCount(2, kEventWait));
 }
 
 }  // namespace
@@ -129,7 +121,7 @@ TEST(SenderFlowControl, Acknowledged300BytePayloadReportsLowByteOfItsLength) {
     ASSERT_TRUE(h.expectFrame({0x11, 0x2C, 0xA0, 0xA1, 0xA2, 0xA3, 0xA4, 0xA5}));
     h.sendFrame(kReady);
     for (int i = 0; i < 42; ++i) {
-        std::optional<qbtest::ProxyFrame> f = h.nextFrame(kEventWait);
+        std::optional<ProxyFrame> f = h.nextFrame(kEventWait);
         ASSERT_TRUE(f.has_value()) << "consecutive frame " << i;
         EXPECT_EQ(f->data[0], 0x20 | (i & 0x0F));
     }
@@ -155,7 +147,7 @@ TEST(SenderFlowControl, AcknowledgementResetsSenderAndReceiverExpectation) {
     EXPECT_EQ(h.transport.state.load(), 2);  // only the receiving bit is left
     EXPECT_EQ(h.transport.nextFrame, CANTransportThread::CTF_SINGLE_OR_FIRST_FRAME);
     EXPECT_EQ(h.transport.retryCount, 0);
-    EXPECT_EQ(h.transport.curSendPtr, qbtest::TestableTransport::MSGPART_INVALID);
+    EXPECT_EQ(h.transport.curSendPtr, TestableTransport::MSGPART_INVALID);
     EXPECT_TRUE(h.transport.sendQueue.empty());
     EXPECT_EQ(h.transport.selectTimeout.tv_sec, 0);
     EXPECT_EQ(h.transport.selectTimeout.tv_usec, 10000);
@@ -226,7 +218,7 @@ TEST(SenderFlowControl, ReadyToReceiveAfterBurstReportsNothingLeftAndWaitGoesOn)
 TEST(SenderFlowControl, ReadyToReceiveWithNoPayloadInFlightReportsNothingLeft) {
     TransportHarness h(0);
     h.transport.state = h.transport.RCTS_SENDING | h.transport.RCTS_WAIT_FOR_FC;
-    h.transport.curSendPtr = qbtest::TestableTransport::MSGPART_INVALID;
+    h.transport.curSendPtr = TestableTransport::MSGPART_INVALID;
     TPCANMsg ready = frame(0x7E8, kReady);
     h.transport.checkFlowControl(ready);
     EXPECT_EQ(h.outLines(), (Lines{
@@ -262,11 +254,7 @@ TEST(SenderFlowControl, FourRefusalsThenAcknowledgementDeliverAndCounterRestarts
     h.start();
     h.sendPayload({0x22});
     ASSERT_TRUE(h.expectFrame(kFrame22));
-    const std::vector<Bytes> refusals{kNotAck, kNotReady, kNotAck, kNotReady};
-    for (const Bytes& r : refusals) {
-        h.sendFrame(r);
-        ASSERT_TRUE(h.expectFrame(kFrame22));
-    }
+    ASSERT_NO_FATAL_FAILURE(refuseEach(h, {kNotAck, kNotReady, kNotAck, kNotReady}, kFrame22));
     h.sendFrame(kAck);
     ASSERT_TRUE(h.status.waitForCount(2, kEventWait));
     EXPECT_EQ(h.status.events()[1].status, CANTransportThread::CTT_ACKNOWLEDGED);
@@ -291,14 +279,10 @@ TEST(SenderFlowControl, FourRefusalsThenAcknowledgementDeliverAndCounterRestarts
 TEST(SenderFlowControl, FiveRefusalsWithPeerConnectedDropWholeQueueAndReportDisconnected) {
     TransportHarness h(0);
     h.start();
-    h.writeInput(qbtest::payloadMessage({0x22}));
-    h.writeInput(qbtest::payloadMessage({0x44}));
+    h.writeInput(payloadMessage({0x22}));
+    h.writeInput(payloadMessage({0x44}));
     ASSERT_TRUE(h.expectFrame(kFrame22));
-    const std::vector<Bytes> refusals{kNotAck, kNotReady, kNotAck, kNotReady};
-    for (const Bytes& r : refusals) {
-        h.sendFrame(r);
-        ASSERT_TRUE(h.expectFrame(kFrame22));
-    }
+    ASSERT_NO_FATAL_FAILURE(refuseEach(h, {kNotAck, kNotReady, kNotAck, kNotReady}, kFrame22));
     h.sendFrame({0x10, 0x14, 1, 2, 3, 4, 5, 6});  // a reception is under way as well
     ASSERT_TRUE(h.expectFrame(kReady));
     h.sendFrame(kNotAck);  // fifth failure
@@ -325,15 +309,7 @@ TEST(SenderFlowControl, FiveRefusalsWithPeerConnectedDropWholeQueueAndReportDisc
 
 TEST(SenderFlowControl, PeerHeardAgainAfterDisconnectIsReportedConnected) {
     TransportHarness h(0);
-    h.start();
-    h.sendPayload({0x22});
-    ASSERT_TRUE(h.expectFrame(kFrame22));
-    for (int i = 0; i < 4; ++i) {
-        h.sendFrame(kNotAck);
-        ASSERT_TRUE(h.expectFrame(kFrame22));
-    }
-    h.sendFrame(kNotAck);
-    ASSERT_TRUE(h.status.waitForCount(2, kEventWait));
+    ASSERT_NO_FATAL_FAILURE(startAndRefusePayload22FiveTimes(h));
     h.sendFrame({0x01, 0x55, 0, 0, 0, 0, 0, 0});
     EXPECT_TRUE(h.expectPayload({0x55}, 0x7E8));
     ASSERT_TRUE(h.status.waitForCount(3, kEventWait));
@@ -379,15 +355,7 @@ TEST(SenderFlowControl, FiveMissingFlowControlsWithoutPeerReportSendTimeout) {
 
 TEST(SenderFlowControl, SecondRunOfFailuresAfterReportedLossIsSilentUntilPeerIsHeard) {
     TransportHarness h(0);
-    h.start();
-    h.sendPayload({0x22});
-    ASSERT_TRUE(h.expectFrame(kFrame22));
-    for (int i = 0; i < 4; ++i) {
-        h.sendFrame(kNotAck);
-        ASSERT_TRUE(h.expectFrame(kFrame22));
-    }
-    h.sendFrame(kNotAck);
-    ASSERT_TRUE(h.status.waitForCount(2, kEventWait));  // CONNECTED, DISCONNECTED
+    ASSERT_NO_FATAL_FAILURE(startAndRefusePayload22FiveTimes(h));  // CONNECTED, DISCONNECTED
     const size_t linesAfterLoss = h.outLines().size();
 
     // The peer stays silent: five failures by time-out, reported by nobody.
@@ -527,9 +495,7 @@ TEST(SenderFlowControl, FifthFailureWhileLossAlreadyReportedIsSilent) {
 }
 
 TEST(SenderFlowControl, FifthFailureWithoutCallbackIsNotReported) {
-    TransportHarness::Options o;
-    o.withCallback = false;
-    TransportHarness h(o);
+    TransportHarness h(withoutCallback());
     h.transport.sendQueue.push_back(new Frames{frame(0x7E0, {0x01, 0x22})});
     h.transport.connected = true;
     h.transport.retryCount = 4;
@@ -542,4 +508,3 @@ TEST(SenderFlowControl, FifthFailureWithoutCallbackIsNotReported) {
                                 "[INFO] CANTransportThread::handleSendError() send retry = 4",
                             }));
 }
-

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "can/TransportHarness.h"
+#include "common/Bytes.h"
 #include "common/OutputCapture.h"
 #include "common/Pipe.h"
 #include "common/Wait.h"
@@ -26,22 +27,9 @@
 // Present only when the undefined-behaviour sanitizer's runtime is linked in.
 extern "C" __attribute__((weak)) uintptr_t __ubsan_vptr_type_cache[];
 
+using namespace qbtest;
+
 namespace {
-
-using qbtest::Bytes;
-using qbtest::kEventWait;
-using qbtest::OutputCapture;
-using qbtest::TestableTransport;
-using qbtest::TransportHarness;
-using Frames = std::vector<CANTransportThread::TPCANMsg>;
-
-bool isOpen(int fd) {
-    return ::fcntl(fd, F_GETFD) != -1;
-}
-
-bool isClosed(int fd) {
-    return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF;
-}
 
 std::string statusText(CANTransportThread::statuschange_t st) {
     std::ostringstream os;
@@ -306,7 +294,7 @@ TEST(ThreadObject, BytesWrittenByApplicationReachThreadWithoutBlockingAndBack) {
 }
 
 TEST(ThreadObject, DestroyingNeverOpenedObjectSucceedsSilently) {
-    qbtest::Pipe sentinel;
+    Pipe sentinel;
     OutputCapture capture;
     {
         TestableTransport t(0);
@@ -345,7 +333,7 @@ TEST(ThreadObject, DestructorClearsQueueAndLogsStateAtDebugLevelOne) {
 }
 
 TEST(ThreadObject, DestructorLeavesProxyDescriptorOpen) {
-    qbtest::Pipe proxy;
+    Pipe proxy;
     {
         TestableTransport t(0);
         int r = -1;
@@ -382,10 +370,10 @@ TEST(ThreadObject, AfterRepeatedOpenTheThreadServesTheNewPipes) {
     int w2 = -1;
     h.transport.open(r2, w2);
     h.start();
-    const Bytes frame = qbtest::canFrameMessage({0x02, 0x51, 0x52, 0, 0, 0, 0, 0});
+    const Bytes frame = canFrameMessage({0x02, 0x51, 0x52, 0, 0, 0, 0, 0});
     ASSERT_EQ(::write(w2, frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-    EXPECT_TRUE(h.expectFrame({0x33, 0, 0, 0, 0, 0, 0, 0}));
-    qbtest::MessageReader reader(r2);
+    EXPECT_TRUE(h.expectFrame(kAck));
+    MessageReader reader(r2);
     std::unique_ptr<MessageBase> msg = reader.next(kEventWait);
     ASSERT_NE(msg, nullptr);
     auto* payload = dynamic_cast<CANTransportTraceMessage*>(msg.get());
@@ -514,8 +502,8 @@ TEST(ThreadObject, EmptyDelegateClearsTheCallback) {
     h.transport.setDelegate(empty);
     h.start();
     h.sendFrame({0x01, 0x99, 0, 0, 0, 0, 0, 0});
-    EXPECT_TRUE(h.expectPayload({0x99}, qbtest::kPeerId));
-    EXPECT_TRUE(h.expectFrame({0x33, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_TRUE(h.expectPayload({0x99}, kPeerId));
+    EXPECT_TRUE(h.expectFrame(kAck));
     h.transport.stop();
     EXPECT_EQ(h.status.count(), 0u);
     EXPECT_EQ(h.outLines(), (std::vector<std::string>{
@@ -557,15 +545,15 @@ TEST(ThreadObject, StatusCallbackRunsOnTheTransportThreadWithNoLockHeld) {
     h.start();
     h.sendPayload({0x22});
     ASSERT_TRUE(h.expectFrame({0x01, 0x22, 0, 0, 0, 0, 0, 0}));
-    h.sendFrame({0x33, 0, 0, 0, 0, 0, 0, 0});  // CTT_CONNECTED, CTT_ACKNOWLEDGED
+    h.sendFrame(kAck);  // CTT_CONNECTED, CTT_ACKNOWLEDGED
     h.sendPayload({0x23});
     ASSERT_TRUE(h.expectFrame({0x01, 0x23, 0, 0, 0, 0, 0, 0}));
     for (int i = 0; i < 4; ++i) {
-        h.sendFrame({0x32, 0, 0, 0, 0, 0, 0, 0});
+        h.sendFrame(kNotAck);
         ASSERT_TRUE(h.expectFrame({0x01, 0x23, 0, 0, 0, 0, 0, 0}));
     }
-    h.sendFrame({0x32, 0, 0, 0, 0, 0, 0, 0});  // CTT_DISCONNECTED
-    ASSERT_TRUE(qbtest::waitUntil(
+    h.sendFrame(kNotAck);  // CTT_DISCONNECTED
+    ASSERT_TRUE(waitUntil(
         [&] {
             std::lock_guard<std::mutex> lock(callsMutex);
             return calls.size() >= 3;
@@ -587,19 +575,14 @@ TEST(ThreadObject, StatusCallbackRunsOnTheTransportThreadWithNoLockHeld) {
 TEST(ThreadObject, ClearFromApplicationThreadKeepsOnlyThePayloadInFlight) {
     TransportHarness h(1);
     h.start();
-    Bytes input = qbtest::payloadMessage({0x11});
-    for (uint8_t b : {0x12, 0x13}) {
-        const Bytes more = qbtest::payloadMessage({b});
-        input.insert(input.end(), more.begin(), more.end());
-    }
-    h.writeInput(input);
+    h.writeInput(concat({payloadMessage({0x11}), payloadMessage({0x12}), payloadMessage({0x13})}));
     ASSERT_TRUE(h.expectFrame({0x01, 0x11, 0, 0, 0, 0, 0, 0}));
     // All three are queued when the loop is back in its wait.
     ASSERT_TRUE(h.waitForLine(
         "[DEBUG] CANTransportThread::threadCode() state = RCTS_SENDING RCTS_WAIT_FOR_FC "));
     h.transport.clear(false);
     EXPECT_EQ(h.transport.state.load(), 5);
-    h.sendFrame({0x33, 0, 0, 0, 0, 0, 0, 0});
+    h.sendFrame(kAck);
     ASSERT_TRUE(h.status.waitForCount(2, kEventWait));
     EXPECT_TRUE(h.expectNoFrame(std::chrono::milliseconds(100)));
     EXPECT_TRUE(h.transport.sendQueueEmpty());
@@ -611,11 +594,11 @@ TEST(ThreadObject, ClearAllFromApplicationThreadEndsTheWaitForFlowControl) {
     h.start();
     h.sendPayload({0x11});
     ASSERT_TRUE(h.expectFrame({0x01, 0x11, 0, 0, 0, 0, 0, 0}));
-    ASSERT_TRUE(qbtest::waitUntil([&] { return h.transport.state.load() == 5; }, kEventWait));
+    ASSERT_TRUE(waitUntil([&] { return h.transport.state.load() == 5; }, kEventWait));
     h.transport.clear(true);
     EXPECT_EQ(h.transport.state.load(), 0);
     EXPECT_TRUE(h.transport.sendQueueEmpty());
-    h.sendFrame({0x33, 0, 0, 0, 0, 0, 0, 0});  // the acknowledgement comes too late
+    h.sendFrame(kAck);  // the acknowledgement comes too late
     EXPECT_TRUE(h.waitForLine(
         "[ERROR] CANTransportThread::checkFlowControl() received a flow control but has no "
         "sending state. 0x000007e8 8  0x33 0x00 0x00 0x00 0x00 0x00 0x00 0x00"));

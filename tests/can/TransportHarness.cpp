@@ -2,9 +2,7 @@
 
 #include <errno.h>
 #include <poll.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <iomanip>
 #include <sstream>
@@ -114,6 +112,24 @@ Bytes payloadMessage(const Bytes& payload, uint32_t canId) {
     return out;
 }
 
+TPCANMsg frame(uint32_t id, uint8_t len, const Bytes& data) {
+    TPCANMsg m{};
+    m.ID = id;
+    m.LEN = len;
+    for (size_t i = 0; i < data.size() && i < 8; ++i) {
+        m.DATA[i] = data[i];
+    }
+    return m;
+}
+
+TPCANMsg frame(uint32_t id, const Bytes& data) {
+    return frame(id, 8, data);
+}
+
+TPCANMsg frame(const Bytes& data) {
+    return frame(kSendId, data);
+}
+
 Bytes countingBytes(size_t length, uint8_t first) {
     Bytes bytes(length);
     for (size_t i = 0; i < length; ++i) {
@@ -131,12 +147,21 @@ std::string hexText(const Bytes& bytes) {
     return text.str();
 }
 
-size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
-    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
-}
-
 // ---------------------------------------------------------------------------------------------
 // TransportHarness
+
+TransportHarness::Options withSendId(uint16_t id, int debugLevel) {
+    TransportHarness::Options o;
+    o.sendId = id;
+    o.debug = debugLevel;
+    return o;
+}
+
+TransportHarness::Options withoutCallback() {
+    TransportHarness::Options o;
+    o.withCallback = false;
+    return o;
+}
 
 TransportHarness::TransportHarness(const Options& options)
     : capture(), proxy(true), status(), transport(options.debug) {
@@ -160,17 +185,8 @@ void TransportHarness::start() {
 }
 
 void TransportHarness::writeInput(const Bytes& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(writeFD, bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            ADD_FAILURE() << "write to the endpoint's input failed, errno " << errno;
-            return;
-        }
-        done += static_cast<size_t>(n);
+    if (!writeAll(writeFD, bytes)) {
+        ADD_FAILURE() << "write to the endpoint's input failed, errno " << errno;
     }
 }
 

@@ -28,6 +28,9 @@ namespace qbtest {
 using std::chrono::milliseconds;
 using Bytes = std::vector<uint8_t>;
 using Status = CANTransportThread::statuschange_t;
+using Lines = std::vector<std::string>;
+using TPCANMsg = CANTransportThread::TPCANMsg;
+using Frames = std::vector<TPCANMsg>;
 
 /// Deadline for events that should happen at once (generous: it costs time only on failure).
 constexpr milliseconds kEventWait(2000);
@@ -41,6 +44,12 @@ constexpr double kOneSecondHigh = 1.6;
 constexpr uint16_t kSendId = 0x7E0;
 /// CAN identifier of the frames the scripted peer sends.
 constexpr uint32_t kPeerId = 0x7E8;
+
+/// The four flow-control frames (first byte 0x30 | code, then zeros), as either side sends them.
+inline const Bytes kNotReady{0x30, 0, 0, 0, 0, 0, 0, 0};  // CTP_FC_NOT_READY_TO_RECEIVE
+inline const Bytes kReady{0x31, 0, 0, 0, 0, 0, 0, 0};     // CTP_FC_READY_TO_RECEIVE
+inline const Bytes kNotAck{0x32, 0, 0, 0, 0, 0, 0, 0};    // CTP_FC_NOT_ACKNOWLEDGE
+inline const Bytes kAck{0x33, 0, 0, 0, 0, 0, 0, 0};       // CTP_FC_ACKNOWLEDGE
 
 /// The endpoint with its protected members and helpers opened up for inspection and unit tests.
 /// It records the POSIX handle of its thread (so that a test can signal it) and otherwise runs
@@ -170,6 +179,14 @@ class MessageReader {
     TraceMessageBuffer buffer;
 };
 
+/// A frame record with identifier `id`, length `len` and the first (at most 8) bytes of `data`;
+/// the other data bytes are 0x00.
+TPCANMsg frame(uint32_t id, uint8_t len, const Bytes& data);
+/// The same with length 8.
+TPCANMsg frame(uint32_t id, const Bytes& data);
+/// The same with length 8 and the harness's send identifier kSendId.
+TPCANMsg frame(const Bytes& data);
+
 /// Serialised CAN frame trace message (as the application would forward it from its proxy).
 /// `kind` selects the class: MSGID_CAN_EXT (default), MSGID_CAN or MSGID_CAN_PROXY.
 Bytes canFrameMessage(const Bytes& data, uint32_t canId = kPeerId, msgid_t kind = MSGID_CAN_EXT,
@@ -180,8 +197,6 @@ Bytes payloadMessage(const Bytes& payload, uint32_t canId = 0);
 Bytes countingBytes(size_t length, uint8_t first = 0);
 /// Hex text of bytes for failure messages, e.g. "10 08 00 01".
 std::string hexText(const Bytes& bytes);
-/// Number of complete lines equal to `line`.
-size_t countLines(const std::vector<std::string>& lines, const std::string& line);
 
 /// A configured endpoint with a scripted peer around it. The output capture is created first
 /// and destroyed last; the destructor stops the endpoint's thread before anything else goes.
@@ -247,5 +262,10 @@ class TransportHarness {
     std::unique_ptr<MessageReader> proxyReader;
     std::unique_ptr<MessageReader> appReader;
 };
+
+/// Options of a harness whose endpoint sends with identifier `id`.
+TransportHarness::Options withSendId(uint16_t id, int debugLevel = 0);
+/// Options of a harness whose endpoint has no status callback.
+TransportHarness::Options withoutCallback();
 
 }  // namespace qbtest

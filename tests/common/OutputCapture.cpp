@@ -31,9 +31,13 @@ std::string OutputCapture::errText() const {
     return err.str();
 }
 
-std::vector<std::string> OutputCapture::outLines() const { return splitLines(outText()); }
+std::vector<std::string> OutputCapture::outLines() const {
+    return splitLines(outText());
+}
 
-std::vector<std::string> OutputCapture::errLines() const { return splitLines(errText()); }
+std::vector<std::string> OutputCapture::errLines() const {
+    return splitLines(errText());
+}
 
 void OutputCapture::clear() {
     std::lock_guard<std::mutex> lock(LogUtil::logMutex);
@@ -76,6 +80,10 @@ std::vector<std::string> splitLines(const std::string& text) {
         begin = nl + 1;
     }
     return lines;
+}
+
+size_t countLines(const std::vector<std::string>& lines, const std::string& line) {
+    return static_cast<size_t>(std::count(lines.begin(), lines.end(), line));
 }
 
 }  // namespace qbtest

@@ -15,7 +15,7 @@ namespace qbtest {
 /// thread. Construct it before starting threads that log, destroy it after they have stopped.
 /// One capture at a time per process (GoogleTest runs each test in its own process under CTest).
 class OutputCapture {
-public:
+  public:
     OutputCapture();
     ~OutputCapture();
     OutputCapture(const OutputCapture&) = delete;
@@ -37,7 +37,7 @@ public:
     /// Waits until some complete line of std::cerr contains `text`, at most `timeout`.
     bool waitForErrLineContaining(const std::string& text, std::chrono::milliseconds timeout) const;
 
-private:
+  private:
     std::stringbuf out;
     std::stringbuf err;
     std::streambuf* savedOut;
@@ -46,5 +46,7 @@ private:
 
 /// Splits text into complete lines (a trailing piece without '\n' is left out).
 std::vector<std::string> splitLines(const std::string& text);
+/// Number of lines equal to `line`.
+size_t countLines(const std::vector<std::string>& lines, const std::string& line);
 
 }  // namespace qbtest

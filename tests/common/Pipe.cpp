@@ -40,16 +40,34 @@ void Pipe::closeWrite() {
 }
 
 bool Pipe::writeAll(const std::vector<uint8_t>& bytes) const {
+    return qbtest::writeAll(fds[1], bytes);
+}
+
+bool writeAll(int fd, const std::vector<uint8_t>& bytes, const WaitForRoom& waitForRoom) {
     size_t done = 0;
     while (done < bytes.size()) {
-        const ssize_t n = ::write(fds[1], bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) {
+        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n > 0) {
+            done += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (waitForRoom) {
+                if (!waitForRoom()) {
+                    return false;
+                }
                 continue;
             }
-            return false;
+            pollfd p{fd, POLLOUT, 0};
+            if (::poll(&p, 1, -1) < 0 && errno != EINTR) {
+                return false;
+            }
+            continue;
         }
-        done += static_cast<size_t>(n);
+        return false;
     }
     return true;
 }
@@ -68,6 +86,14 @@ std::vector<uint8_t> readAvailable(int fd) {
         }
         bytes.insert(bytes.end(), chunk, chunk + n);
     }
+}
+
+bool isOpen(int fd) {
+    return ::fcntl(fd, F_GETFD) != -1;
+}
+
+bool isClosed(int fd) {
+    return ::fcntl(fd, F_GETFD) == -1 && errno == EBADF;
 }
 
 }  // namespace qbtest

@@ -7,12 +7,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <regex>
 
 #include <gtest/gtest.h>
 
 #include "common/OutputCapture.h"
+#include "common/Pipe.h"
 #include "common/Wait.h"
 
 namespace qbtest {
@@ -23,8 +25,11 @@ void setNonBlocking(int fd) {
 }
 }  // namespace
 
-Subprocess::Subprocess(const std::string& program, const std::vector<std::string>& args)
+Subprocess::Subprocess(const std::string& program, const std::vector<std::string>& args,
+                       const std::string& stdoutPath)
     : pid(-1), in(-1), out(-1), err(-1), exitStatus(-1) {
+    // A child that exits before reading all its input must fail the write, not end the test.
+    ::signal(SIGPIPE, SIG_IGN);
     int inPipe[2], outPipe[2], errPipe[2];
     if (::pipe(inPipe) != 0 || ::pipe(outPipe) != 0 || ::pipe(errPipe) != 0) {
         ADD_FAILURE() << "pipe() failed: errno " << errno;
@@ -38,10 +43,15 @@ Subprocess::Subprocess(const std::string& program, const std::vector<std::string
         argv.push_back(&s[0]);
     }
     argv.push_back(nullptr);
+    const bool toFile = !stdoutPath.empty();
     pid = ::fork();
     if (pid == 0) {
         ::dup2(inPipe[0], 0);
-        ::dup2(outPipe[1], 1);
+        if (toFile) {
+            ::dup2(::open(stdoutPath.c_str(), O_WRONLY), 1);
+        } else {
+            ::dup2(outPipe[1], 1);
+        }
         ::dup2(errPipe[1], 2);
         for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) {
             ::close(fd);
@@ -55,7 +65,13 @@ Subprocess::Subprocess(const std::string& program, const std::vector<std::string
     in = inPipe[1];
     out = outPipe[0];
     err = errPipe[0];
-    setNonBlocking(out);
+    if (toFile) {
+        ::close(out);
+        out = -1;
+    } else {
+        setNonBlocking(out);
+    }
+    setNonBlocking(in);
     setNonBlocking(err);
     if (pid < 0) {
         ADD_FAILURE() << "fork() failed: errno " << errno;
@@ -76,18 +92,13 @@ Subprocess::~Subprocess() {
 }
 
 bool Subprocess::write(const std::string& text) {
-    size_t done = 0;
-    while (done < text.size()) {
-        const ssize_t n = ::write(in, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
+    // While the input pipe is full, the child's output is taken in turns with waiting for room.
+    return writeAll(in, std::vector<uint8_t>(text.begin(), text.end()), [this] {
+        collect();
+        pollfd p{in, POLLOUT, 0};
+        ::poll(&p, 1, 10);
+        return true;
+    });
 }
 
 void Subprocess::closeInput() {
@@ -112,7 +123,7 @@ void Subprocess::collect() {
         for (;;) {
             const ssize_t n = ::read(*fd, chunk, sizeof chunk);
             if (n > 0) {
-                (fd == &out ? outText : errText).append(chunk, static_cast<size_t>(n));
+                (fd == &out ? outCollected : errCollected).append(chunk, static_cast<size_t>(n));
                 continue;
             }
             if (n < 0 && errno == EINTR) {
@@ -123,55 +134,55 @@ void Subprocess::collect() {
     }
 }
 
-std::vector<std::string> Subprocess::outLines() {
+std::string Subprocess::outText() {
     collect();
-    return splitLines(outText);
+    return outCollected;
+}
+
+std::string Subprocess::errText() {
+    collect();
+    return errCollected;
+}
+
+std::vector<std::string> Subprocess::outLines() {
+    return splitLines(outText());
 }
 
 std::vector<std::string> Subprocess::errLines() {
-    collect();
-    return splitLines(errText);
+    return splitLines(errText());
+}
+
+template <typename Predicate>
+bool Subprocess::waitForLineWhere(std::vector<std::string> (Subprocess::*lines)(),
+                                  Predicate matches, std::chrono::milliseconds timeout) {
+    return waitUntil(
+        [&] {
+            const std::vector<std::string> now = (this->*lines)();
+            return std::any_of(now.begin(), now.end(), matches);
+        },
+        timeout);
 }
 
 bool Subprocess::waitForOutLine(const std::string& exact, std::chrono::milliseconds timeout) {
-    return waitUntil(
-        [&] {
-            for (const std::string& line : outLines()) {
-                if (line == exact) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        timeout);
+    return waitForLineWhere(
+        &Subprocess::outLines, [&](const std::string& line) { return line == exact; }, timeout);
 }
 
 bool Subprocess::waitForOutLineMatching(const std::string& regex,
                                         std::chrono::milliseconds timeout) {
     const std::regex pattern(regex);
-    return waitUntil(
-        [&] {
-            for (const std::string& line : outLines()) {
-                if (std::regex_match(line, pattern)) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        timeout);
+    return waitForLineWhere(
+        &Subprocess::outLines,
+        [&](const std::string& line) { return std::regex_match(line, pattern); }, timeout);
 }
 
 bool Subprocess::waitForErrLine(const std::string& exact, std::chrono::milliseconds timeout) {
-    return waitUntil(
-        [&] {
-            for (const std::string& line : errLines()) {
-                if (line == exact) {
-                    return true;
-                }
-            }
-            return false;
-        },
-        timeout);
+    return waitForLineWhere(
+        &Subprocess::errLines, [&](const std::string& line) { return line == exact; }, timeout);
+}
+
+bool Subprocess::waitForOutText(const std::string& text, std::chrono::milliseconds timeout) {
+    return waitUntil([&] { return outText().find(text) != std::string::npos; }, timeout);
 }
 
 int Subprocess::wait(std::chrono::milliseconds timeout) {

@@ -11,17 +11,22 @@
 namespace qbtest {
 
 /// A child process with standard input, output and error connected to pipes.
-/// Output is collected by reading the pipes on demand (readAvailable()/waitFor...()).
+/// Output is collected by reading the pipes on demand (collect(), the queries and waitFor...()).
+/// SIGPIPE is ignored in the test process, so that writing to a child that has exited fails the
+/// write instead of ending the test.
 class Subprocess {
   public:
-    /// Starts `program` with `args` (argv[1..]); fails the current test if it cannot.
-    Subprocess(const std::string& program, const std::vector<std::string>& args);
+    /// Starts `program` with `args` (argv[1..]); fails the current test if it cannot. With a
+    /// `stdoutPath`, standard output goes to that file (opened for writing) instead of a pipe.
+    Subprocess(const std::string& program, const std::vector<std::string>& args,
+               const std::string& stdoutPath = std::string());
     /// Kills the child if it still runs and reaps it.
     ~Subprocess();
     Subprocess(const Subprocess&) = delete;
     Subprocess& operator=(const Subprocess&) = delete;
 
-    /// Writes text to the child's standard input.
+    /// Writes text to the child's standard input. While the input pipe is full it collects the
+    /// child's output, so that a child blocked on writing its output can go on reading.
     bool write(const std::string& text);
     /// Closes the child's standard input (end of input).
     void closeInput();
@@ -30,6 +35,9 @@ class Subprocess {
 
     /// Reads what the child has written so far into the collected output.
     void collect();
+    /// Everything the child has written to standard output / error so far.
+    std::string outText();
+    std::string errText();
     /// The complete lines of standard output / error collected so far.
     std::vector<std::string> outLines();
     std::vector<std::string> errLines();
@@ -38,18 +46,25 @@ class Subprocess {
     bool waitForOutLine(const std::string& exact, std::chrono::milliseconds timeout);
     bool waitForOutLineMatching(const std::string& regex, std::chrono::milliseconds timeout);
     bool waitForErrLine(const std::string& exact, std::chrono::milliseconds timeout);
+    /// Waits until standard output contains `text` anywhere (also within a line).
+    bool waitForOutText(const std::string& text, std::chrono::milliseconds timeout);
 
     /// Waits for the child to exit, at most `timeout`; returns its exit status, or -1 if it did
     /// not exit in time (it is then killed), or 128 + signal number if a signal ended it.
     int wait(std::chrono::milliseconds timeout);
 
   private:
+    /// Waits until some line that `lines` returns satisfies `matches`.
+    template <typename Predicate>
+    bool waitForLineWhere(std::vector<std::string> (Subprocess::*lines)(), Predicate matches,
+                          std::chrono::milliseconds timeout);
+
     pid_t pid;
     int in;
     int out;
     int err;
-    std::string outText;
-    std::string errText;
+    std::string outCollected;
+    std::string errCollected;
     int exitStatus;
 };
 

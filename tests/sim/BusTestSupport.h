@@ -2,9 +2,6 @@
 // descriptor as an endpoint does, and read what the bus delivers into their input pipe.
 #pragma once
 
-#include <errno.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -28,22 +25,6 @@ inline byteVec_t frameMessage(uint32_t id, bool extended, const std::vector<uint
     byteVec_t out;
     msg.createByteArray(out, true, false);
     return out;
-}
-
-/// Writes all bytes into a blocking descriptor.
-inline bool writeAll(int fd, const byteVec_t& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 /// One frame as a node received it.

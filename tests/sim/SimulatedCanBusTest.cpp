@@ -17,9 +17,9 @@
 #include "sim/BusTestSupport.h"
 
 using namespace std::chrono_literals;
+using qbtest::writeAll;
 using simtest::Endpoint;
 using simtest::frameMessage;
-using simtest::writeAll;
 
 namespace {
 

@@ -15,9 +15,9 @@
 #include "sim/BusTestSupport.h"
 
 using namespace std::chrono_literals;
+using qbtest::writeAll;
 using simtest::Endpoint;
 using simtest::frameMessage;
-using simtest::writeAll;
 
 TEST(SimulatedCanBusTiming, FramesTakeTheirSummedBitTime) {
     const unsigned perNode = 250;

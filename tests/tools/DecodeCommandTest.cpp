@@ -3,11 +3,7 @@
 // Every input log and every expected report below is written out by hand, frame by frame and
 // byte by byte; nothing expected is computed by the decoder or by a helper. Frame lines have
 // the columns TIME (17 wide), IFACE (5), ID (8), KIND (12) and PARAM, each followed by one blank.
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,176 +16,47 @@
 
 #include <gtest/gtest.h>
 
+#include "common/Subprocess.h"
+
+using namespace std::chrono_literals;
+using qbtest::Subprocess;
+
 namespace {
 
 struct RunResult {
-    int status = -1;  ///< exit status, or -1 if the process did not exit normally
+    int status = -1;  ///< as Subprocess::wait() returns it: -1 if it did not exit in time
     std::string out;
     std::string err;
 };
 
-/// `cantp` with the given arguments as a child process whose standard input, output and error
-/// are pipes held by the test. The destructor kills a child that is still running.
-class CantpProcess {
-  public:
-    /// With `stdoutPath`, standard output goes to that file instead of a pipe.
-    explicit CantpProcess(const std::vector<std::string>& args, const char* stdoutPath = nullptr) {
-        // A child that exits before reading all its input must fail the test, not kill it.
-        ::signal(SIGPIPE, SIG_IGN);
-        int in[2];
-        int out[2];
-        int err[2];
-        if (::pipe(in) != 0 || ::pipe(out) != 0 || ::pipe(err) != 0) {
-            ADD_FAILURE() << "pipe: " << std::strerror(errno);
-            return;
-        }
-        pid = ::fork();
-        if (pid < 0) {
-            ADD_FAILURE() << "fork: " << std::strerror(errno);
-            return;
-        }
-        if (pid == 0) {
-            ::dup2(in[0], STDIN_FILENO);
-            if (stdoutPath != nullptr) {
-                const int fd = ::open(stdoutPath, O_WRONLY);
-                ::dup2(fd, STDOUT_FILENO);
-            } else {
-                ::dup2(out[1], STDOUT_FILENO);
-            }
-            ::dup2(err[1], STDERR_FILENO);
-            for (int fd : {in[0], in[1], out[0], out[1], err[0], err[1]}) {
-                ::close(fd);
-            }
-            std::vector<char*> argv;
-            argv.push_back(const_cast<char*>(QB_CANTP_PATH));
-            for (const std::string& a : args) {
-                argv.push_back(const_cast<char*>(a.c_str()));
-            }
-            argv.push_back(nullptr);
-            ::execv(QB_CANTP_PATH, argv.data());
-            ::_exit(127);
-        }
-        ::close(in[0]);
-        ::close(out[1]);
-        ::close(err[1]);
-        inFd = in[1];
-        outFd = out[0];
-        errFd = err[0];
-        // Writing all input before reading could deadlock once the child's output fills its
-        // pipe, so input is written without blocking and served together with the output.
-        ::fcntl(inFd, F_SETFL, ::fcntl(inFd, F_GETFL) | O_NONBLOCK);
-    }
-
-    ~CantpProcess() {
-        if (pid > 0) {
-            ::kill(pid, SIGKILL);
-            ::waitpid(pid, nullptr, 0);
-        }
-        closeFd(inFd);
-        closeFd(outFd);
-        closeFd(errFd);
-    }
-
-    CantpProcess(const CantpProcess&) = delete;
-    CantpProcess& operator=(const CantpProcess&) = delete;
-
-    /// Writes `input` and keeps standard input open; reads standard output until it holds
-    /// `text` or `timeout` has passed. Returns whether `text` came.
-    bool writeAndWaitFor(const std::string& input, const std::string& text,
-                         std::chrono::milliseconds timeout) {
-        pending += input;
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        while (result.out.find(text) == std::string::npos) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !serve(static_cast<int>(left.count()))) {
-                return false;
-            }
-        }
-        return true;
-    }
-
-    /// Writes `input`, closes standard input, reads both outputs to their end and waits for the
-    /// child (at most 10 s).
-    RunResult finish(const std::string& input = "") {
-        pending += input;
-        closing = true;
-        if (pending.empty()) {
-            closeFd(inFd);
-        }
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (outFd >= 0 || errFd >= 0) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !serve(static_cast<int>(left.count()))) {
-                ADD_FAILURE() << "cantp did not finish within 10 s";
-                return result;
-            }
-        }
-        int wstatus = 0;
-        ::waitpid(pid, &wstatus, 0);
-        pid = -1;
-        result.status = WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -1;
-        return result;
-    }
-
-  private:
-    static void closeFd(int& fd) {
-        if (fd >= 0) {
-            ::close(fd);
-            fd = -1;
-        }
-    }
-
-    /// One wait of at most `timeoutMs` and whatever it allows: a write of pending input, a read
-    /// of each output. False if nothing happened in time.
-    bool serve(int timeoutMs) {
-        const int inWanted = pending.empty() ? -1 : inFd;
-        pollfd fds[3] = {{inWanted, POLLOUT, 0}, {outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-        if (::poll(fds, 3, timeoutMs) <= 0) {
-            return false;
-        }
-        if (inWanted >= 0 && fds[0].revents != 0) {
-            const ssize_t n = ::write(inFd, pending.data(), pending.size());
-            if (n > 0) {
-                pending.erase(0, static_cast<size_t>(n));
-            }
-            if (n < 0) {
-                pending.clear();
-            }
-            if (closing && pending.empty()) {
-                closeFd(inFd);
-            }
-        }
-        for (int i = 1; i < 3; ++i) {
-            int& fd = i == 1 ? outFd : errFd;
-            if (fd < 0 || fds[i].revents == 0) {
-                continue;
-            }
-            char buffer[4096];
-            const ssize_t n = ::read(fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 1 ? result.out : result.err).append(buffer, static_cast<size_t>(n));
-            } else {
-                closeFd(fd);
-            }
-        }
-        return true;
-    }
-
-    pid_t pid = -1;
-    int inFd = -1;
-    int outFd = -1;
-    int errFd = -1;
-    std::string pending;
-    bool closing = false;
+/// Writes `input`, closes standard input and waits for `cantp` to exit (at most 10 s), taking
+/// all it wrote.
+RunResult finish(Subprocess& process, const std::string& input = "") {
+    process.write(input);
+    process.closeInput();
     RunResult result;
-};
+    result.status = process.wait(10s);
+    if (result.status == -1) {
+        ADD_FAILURE() << "cantp did not finish within 10 s";
+    }
+    result.out = process.outText();
+    result.err = process.errText();
+    return result;
+}
 
 /// Runs `cantp` with `args` and `input` on its standard input to the end.
 RunResult runCantp(const std::vector<std::string>& args, const std::string& input = "") {
-    CantpProcess process(args);
-    return process.finish(input);
+    Subprocess process(qbtest::cantpPath(), args);
+    return finish(process, input);
+}
+
+/// `cantp` with `args` and `input` to the end; expects exit status 0 and no diagnostics, and
+/// returns the report.
+std::string decodeOutput(const std::vector<std::string>& args, const std::string& input = "") {
+    const RunResult r = runCantp(args, input);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    return r.out;
 }
 
 /// A temporary directory for the logs of one test, removed with what the test put into it.
@@ -227,10 +94,7 @@ class DecodeCommand : public ::testing::Test {
 
     /// `cantp decode FILE` on a log holding `text`; expects exit status 0 and no diagnostics.
     std::string decodeLog(const std::string& text) {
-        const RunResult r = runCantp({"decode", writeLog("trace.log", text)});
-        EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.err, "");
-        return r.out;
+        return decodeOutput({"decode", writeLog("trace.log", text)});
     }
 
     std::string dir;
@@ -724,38 +588,28 @@ const char STDIN_REPORT[] =
     "summary payloads=1 bytes=8 errors=0 unparsable=0 incomplete=0\n";
 
 TEST_F(DecodeCommand, ReadsStandardInputForDash) {
-    const RunResult r = runCantp({"decode", "-"}, STDIN_LOG);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, STDIN_REPORT);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(decodeOutput({"decode", "-"}, STDIN_LOG), STDIN_REPORT);
 }
 
 TEST_F(DecodeCommand, ReadsStandardInputWithoutFile) {
-    const RunResult r = runCantp({"decode"}, STDIN_LOG);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, STDIN_REPORT);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(decodeOutput({"decode"}, STDIN_LOG), STDIN_REPORT);
 }
 
 TEST_F(DecodeCommand, EachLineIsReportedBeforeTheInputEnds) {
     // The way `candump -L can0 | cantp decode` is used: output must not wait for the end.
-    CantpProcess process({"decode"});
-    EXPECT_TRUE(process.writeAndWaitFor("(1700000000.000000) can0 7E0#1008101112131415\n",
-                                        "first        len=8\n", std::chrono::seconds(5)));
-    EXPECT_TRUE(process.writeAndWaitFor("(1700000000.000500) can0 7E0#2016170000000000\n",
-                                        "payload can0 7E0 len=8 1011121314151617\n",
-                                        std::chrono::seconds(5)));
-    const RunResult r = process.finish();
+    Subprocess process(qbtest::cantpPath(), {"decode"});
+    EXPECT_TRUE(process.write("(1700000000.000000) can0 7E0#1008101112131415\n") &&
+                process.waitForOutText("first        len=8\n", 5s));
+    EXPECT_TRUE(process.write("(1700000000.000500) can0 7E0#2016170000000000\n") &&
+                process.waitForOutText("payload can0 7E0 len=8 1011121314151617\n", 5s));
+    const RunResult r = finish(process);
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, STDIN_REPORT);
     EXPECT_EQ(r.err, "");
 }
 
 TEST_F(DecodeCommand, DoubleDashEndsTheOptions) {
-    const RunResult r = runCantp({"decode", "--", writeLog("trace.log", STDIN_LOG)});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, STDIN_REPORT);
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(decodeOutput({"decode", "--", writeLog("trace.log", STDIN_LOG)}), STDIN_REPORT);
 }
 
 TEST_F(DecodeCommand, HelpPrintsUsageAndExitsZero) {
@@ -796,8 +650,9 @@ TEST_F(DecodeCommand, MissingFileExitsOne) {
 }
 
 TEST_F(DecodeCommand, FailedWriteOfTheReportExitsOne) {
-    CantpProcess process({"decode", writeLog("trace.log", STDIN_LOG)}, "/dev/full");
-    const RunResult r = process.finish();
+    Subprocess process(qbtest::cantpPath(), {"decode", writeLog("trace.log", STDIN_LOG)},
+                       "/dev/full");
+    const RunResult r = finish(process);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "cantp decode: cannot write standard output\n");
 }
