@@ -17,20 +17,6 @@ namespace {
 
 constexpr size_t MAX_DATA_BYTES = 64;
 
-const char* canTypeName(cantype_t type) {
-    switch (type) {
-        case CT_STANDARD:
-            return "STD";
-        case CT_EXTENDED:
-            return "EXT";
-        case CT_FD_STANDARD:
-            return "FD_STD";
-        case CT_FD_EXTENDED:
-            return "FD_EXT";
-    }
-    return nullptr;
-}
-
 const char* frameKindName(canframe_t kind) {
     switch (kind) {
         case CF_STANDARD:
@@ -114,7 +100,7 @@ std::ostream& CANTraceMessageBase::print(std::ostream& os) const {
     std::ostringstream text;
     text << "CAN ch " << static_cast<unsigned>(channel) << " id 0x" << std::hex << canId << std::dec
          << ' ';
-    const char* typeName = canTypeName(canType);
+    const char* typeName = cantypeName(canType);
     if (typeName != nullptr) {
         text << typeName;
     } else {

@@ -8,20 +8,6 @@ namespace {
 // How many payload bytes print() shows before it abbreviates with " ...".
 constexpr size_t PRINTED_PAYLOAD_BYTES = 32;
 
-const char* canTypeName(cantype_t type) {
-    switch (type) {
-        case CT_STANDARD:
-            return "STD";
-        case CT_EXTENDED:
-            return "EXT";
-        case CT_FD_STANDARD:
-            return "FD_STD";
-        case CT_FD_EXTENDED:
-            return "FD_EXT";
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 CANTransportTraceMessage::~CANTransportTraceMessage() = default;
@@ -47,7 +33,7 @@ std::ostream& CANTransportTraceMessage::print(std::ostream& os) const {
     // "type <n>". Built in a string first so that the caller's stream flags stay untouched.
     std::ostringstream text;
     text << "CAN transport id 0x" << std::hex << canId << std::dec << ' ';
-    const char* typeName = canTypeName(canType);
+    const char* typeName = cantypeName(canType);
     if (typeName != nullptr) {
         text << typeName;
     } else {

@@ -30,3 +30,19 @@ enum cantype_t {
     CT_FD_STANDARD = 2,  ///< CAN FD, 11-bit identifier
     CT_FD_EXTENDED = 3,  ///< CAN FD, 29-bit identifier
 };
+
+/// The short name of a CAN type as trace messages print it: "STD", "EXT", "FD_STD", "FD_EXT";
+/// null for a value outside the enumeration.
+inline const char* cantypeName(cantype_t type) {
+    switch (type) {
+        case CT_STANDARD:
+            return "STD";
+        case CT_EXTENDED:
+            return "EXT";
+        case CT_FD_STANDARD:
+            return "FD_STD";
+        case CT_FD_EXTENDED:
+            return "FD_EXT";
+    }
+    return nullptr;
+}
