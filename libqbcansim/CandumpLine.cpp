@@ -1,25 +1,12 @@
 #include "libqbcansim/CandumpLine.h"
 
+#include "libqbutil/HexText.h"
+
 #include <cstdio>
 #include <stdexcept>
 #include <vector>
 
 namespace {
-
-const char HEX_DIGITS[] = "0123456789ABCDEF";
-
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
 
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -85,7 +72,7 @@ bool parseId(const std::string& text, CandumpLine& out, std::string& error) {
     }
     uint32_t id = 0;
     for (char c : text) {
-        const int v = hexValue(c);
+        const int v = HexText::digitValue(c);
         if (v < 0) {
             error = "identifier " + quoted(text) + " is not hexadecimal";
             return false;
@@ -112,7 +99,7 @@ bool parseData(const std::string& text, CandumpLine& out, std::string& error) {
         if (c == '.') {
             continue;
         }
-        if (hexValue(c) < 0) {
+        if (HexText::digitValue(c) < 0) {
             error = "data " + quoted(text) + " has a character that is neither a hex digit nor '.'";
             return false;
         }
@@ -139,7 +126,8 @@ bool parseData(const std::string& text, CandumpLine& out, std::string& error) {
             error = "data " + quoted(text) + " has a '.' inside a byte";
             return false;
         }
-        out.data[length++] = static_cast<uint8_t>(hexValue(text[i]) * 16 + hexValue(text[i + 1]));
+        out.data[length++] = static_cast<uint8_t>(HexText::digitValue(text[i]) * 16 +
+                                                  HexText::digitValue(text[i + 1]));
         i += 2;
     }
     out.length = length;
@@ -149,12 +137,11 @@ bool parseData(const std::string& text, CandumpLine& out, std::string& error) {
     return true;
 }
 
-void appendHexByte(std::string& s, uint8_t b) {
-    s += HEX_DIGITS[b >> 4];
-    s += HEX_DIGITS[b & 0x0F];
-}
-
 }  // namespace
+
+std::string CandumpLine::identifierText() const {
+    return HexText::number(canId, extended ? 8 : 3);
+}
 
 bool CandumpLine::parseFrame(const std::string& text, CandumpLine& out, std::string& error) {
     const size_t hash = text.find('#');
@@ -214,15 +201,9 @@ std::string CandumpLine::frameText() const {
         throw std::invalid_argument("CandumpLine: identifier " + std::to_string(canId) +
                                     " is too wide for its format");
     }
-    std::string s;
-    const unsigned width = extended ? 8 : 3;
-    for (unsigned i = width; i > 0; --i) {
-        s += HEX_DIGITS[(canId >> (4 * (i - 1))) & 0x0F];
-    }
+    std::string s = identifierText();
     s += '#';
-    for (uint8_t i = 0; i < length; ++i) {
-        appendHexByte(s, data[i]);
-    }
+    s += HexText::encode(data.data(), length);
     return s;
 }
 

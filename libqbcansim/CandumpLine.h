@@ -46,6 +46,9 @@ class CandumpLine {
     /// "ID#DATA". Throws std::invalid_argument for more than 8 data bytes or an identifier
     /// wider than its format.
     std::string frameText() const;
+    /// The identifier as candump writes it: 3 upper-case hex digits for a standard frame, 8 for
+    /// an extended one.
+    std::string identifierText() const;
     /// The whole line (without line end), as described above. Throws as frameText(), and for
     /// negative seconds or microseconds above 999999.
     std::string toString() const;

@@ -60,6 +60,27 @@ struct UnwindShadowGuard {
 };
 #endif
 
+// Runs one blocking call with cancellation enabled just around it: the only places where a
+// pending or arriving stop() can end the thread are such calls (select() and write() are
+// cancellation points). The call's errno is kept across the restoring of the state.
+template <typename Call>
+auto inCancellationWindow(Call call) -> decltype(call()) {
+    int previous = PTHREAD_CANCEL_DISABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+#ifdef QB_THREAD_ASAN
+    UnwindShadowGuard shadowGuard;
+#endif
+    const auto result = call();
+#ifdef QB_THREAD_ASAN
+    shadowGuard.returned = true;
+#endif
+    const int savedErrno = errno;
+    int ignored = 0;
+    pthread_setcancelstate(previous, &ignored);
+    errno = savedErrno;
+    return result;
+}
+
 // Marks the thread as ended when the thread body is left by any road: a normal return, an
 // absorbed exception, or the forced unwind of cancellation (which no catch clause may keep).
 class EndGuard {
@@ -162,39 +183,12 @@ std::string Thread::exitReason() const {
 
 int Thread::waitForInput(int nfds, fd_set* readfds, fd_set* writefds, fd_set* exceptfds,
                          timeval* timeout) {
-    // The one place where a pending or arriving stop() ends the thread: select() is a
-    // cancellation point, and cancellation is enabled just around it.
-    int previous = PTHREAD_CANCEL_DISABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
-#ifdef QB_THREAD_ASAN
-    UnwindShadowGuard shadowGuard;
-#endif
-    const int result = select(nfds, readfds, writefds, exceptfds, timeout);
-#ifdef QB_THREAD_ASAN
-    shadowGuard.returned = true;
-#endif
-    const int savedErrno = errno;
-    int ignored = 0;
-    pthread_setcancelstate(previous, &ignored);
-    errno = savedErrno;
-    return result;
+    return inCancellationWindow(
+        [&] { return select(nfds, readfds, writefds, exceptfds, timeout); });
 }
 
 ssize_t Thread::writeCancellable(int fd, const void* data, size_t size) {
-    int previous = PTHREAD_CANCEL_DISABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
-#ifdef QB_THREAD_ASAN
-    UnwindShadowGuard shadowGuard;
-#endif
-    const ssize_t result = ::write(fd, data, size);
-#ifdef QB_THREAD_ASAN
-    shadowGuard.returned = true;
-#endif
-    const int savedErrno = errno;
-    int ignored = 0;
-    pthread_setcancelstate(previous, &ignored);
-    errno = savedErrno;
-    return result;
+    return inCancellationWindow([&] { return ::write(fd, data, size); });
 }
 
 void Thread::invalidate(pthread_t& h) {

@@ -19,7 +19,6 @@
 #include <vector>
 
 #include "ArgumentReader.h"
-#include "HexText.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/CandumpLine.h"
 #include "libqbio/LogUtil.h"
@@ -27,6 +26,7 @@
 #include "libqbtrace/CANTraceMessageBase.h"
 #include "libqbtrace/CANTransportTraceMessage.h"
 #include "libqbtrace/TraceMessageBuffer.h"
+#include "libqbutil/HexText.h"
 #include "libqbutil/QBException.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cassert>
 #include <vector>
 
-#include "HexText.h"
 #include "libqbcan/cantransport.h"
+#include "libqbutil/HexText.h"
 
 namespace {
 
@@ -24,8 +24,6 @@ const size_t CONSECUTIVE_FRAME_BYTES = 7;
 // Payloads below 8 bytes go in a single frame; a first frame announcing less starts nothing.
 const size_t SMALLEST_SEGMENTED = 8;
 
-const char HEX_DIGITS[] = "0123456789ABCDEF";
-
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
@@ -36,15 +34,6 @@ void pad(std::string& s, const std::string& value, int width) {
         s += ' ';
     }
     s += ' ';
-}
-
-std::string identifierText(const CandumpLine& frame) {
-    const unsigned digits = frame.extended ? 8 : 3;
-    std::string s;
-    for (unsigned i = digits; i > 0; --i) {
-        s += HEX_DIGITS[(frame.canId >> (4 * (i - 1))) & 0x0F];
-    }
-    return s;
 }
 
 std::string byteCount(size_t n, const char* noun) {
@@ -111,7 +100,7 @@ void TransportDecoder::addUnreadableLine(const std::string& reason) {
 void TransportDecoder::decodeFrame(const CandumpLine& frame, const std::string& time) {
     ++totals.frames;
     const Key key(frame.interfaceName, frame.extended, frame.canId);
-    const std::string name = frame.interfaceName + " " + identifierText(frame);
+    const std::string name = frame.interfaceName + " " + frame.identifierText();
 
     if (frame.length == 0) {
         ++totals.invalid;
@@ -160,7 +149,7 @@ void TransportDecoder::decodeFrame(const CandumpLine& frame, const std::string& 
         frameLine(time, frame, "invalid", "DATA[0]=0x00");
         errorLine(name, "invalid frame: DATA[0]=0x00");
     } else {
-        const std::string nibble = std::string("0x") + HEX_DIGITS[pci >> 4];
+        const std::string nibble = "0x" + HexText::number(pci >> 4, 1);
         frameLine(time, frame, "invalid", "unknown kind " + nibble);
         errorLine(name, "unknown frame kind " + nibble);
     }
@@ -263,7 +252,7 @@ void TransportDecoder::frameLine(const std::string& time, const CandumpLine& fra
     std::string s;
     pad(s, time, TIME_WIDTH);
     pad(s, frame.interfaceName, IFACE_WIDTH);
-    pad(s, identifierText(frame), ID_WIDTH);
+    pad(s, frame.identifierText(), ID_WIDTH);
     pad(s, kind, KIND_WIDTH);
     s += param;
     s += '\n';
@@ -291,7 +280,7 @@ void TransportDecoder::finish() {
         idOnly.extended = std::get<1>(key);
         idOnly.canId = std::get<2>(key);
         ++totals.incomplete;
-        errorLine(std::get<0>(key) + " " + identifierText(idOnly),
+        errorLine(std::get<0>(key) + " " + idOnly.identifierText(),
                   "transfer incomplete at end of log (" + std::to_string(transfer.bytes.size()) +
                       " of " + byteCount(transfer.announced, "byte") + ")");
     }

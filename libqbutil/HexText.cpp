@@ -1,7 +1,10 @@
-#include "HexText.h"
+#include "libqbutil/HexText.h"
 
 namespace {
-int hexValue(char c) {
+const char kDigits[] = "0123456789ABCDEF";
+}  // namespace
+
+int HexText::digitValue(char c) {
     if (c >= '0' && c <= '9') {
         return c - '0';
     }
@@ -13,15 +16,26 @@ int hexValue(char c) {
     }
     return -1;
 }
-}  // namespace
+
+std::string HexText::encode(const uint8_t* bytes, size_t count) {
+    std::string text;
+    text.reserve(count * 2);
+    for (size_t i = 0; i < count; ++i) {
+        text.push_back(kDigits[bytes[i] >> 4]);
+        text.push_back(kDigits[bytes[i] & 0x0F]);
+    }
+    return text;
+}
 
 std::string HexText::encode(const byteVec_t& bytes) {
-    static const char digits[] = "0123456789ABCDEF";
+    return encode(bytes.data(), bytes.size());
+}
+
+std::string HexText::number(uint32_t value, unsigned digits) {
     std::string text;
-    text.reserve(bytes.size() * 2);
-    for (uint8_t b : bytes) {
-        text.push_back(digits[b >> 4]);
-        text.push_back(digits[b & 0x0F]);
+    text.reserve(digits);
+    for (unsigned i = digits; i > 0; --i) {
+        text.push_back(kDigits[(value >> (4 * (i - 1))) & 0x0F]);
     }
     return text;
 }
@@ -35,19 +49,19 @@ bool HexText::decode(const std::string& text, byteVec_t& bytes, std::string& err
             ++i;
             continue;
         }
-        const int high = hexValue(c);
+        const int high = digitValue(c);
         if (high < 0) {
             error = std::string("not a hex digit '") + c + "'";
             return false;
         }
-        if (i + 1 >= text.size() || hexValue(text[i + 1]) < 0) {
+        if (i + 1 >= text.size() || digitValue(text[i + 1]) < 0) {
             const bool atEnd = i + 1 >= text.size() || text[i + 1] == ' ' || text[i + 1] == '\t' ||
                                text[i + 1] == '.';
             error = atEnd ? "odd number of hex digits"
                           : std::string("not a hex digit '") + text[i + 1] + "'";
             return false;
         }
-        bytes.push_back(static_cast<uint8_t>(high * 16 + hexValue(text[i + 1])));
+        bytes.push_back(static_cast<uint8_t>(high * 16 + digitValue(text[i + 1])));
         i += 2;
     }
     return true;
