@@ -20,7 +20,8 @@ void printUsage(std::ostream& os) {
           "  endpoint   one transport endpoint driven through standard input and output\n"
           "  decode     the transport view of a candump log\n"
           "\n"
-          "'cantp <command> --help' describes each command. Manual: docs/cantp.md\n";
+          "'cantp <command> --help' describes each command; 'cantp --version' prints the\n"
+          "version. Manual: docs/cantp.md, 'man cantp'\n";
 }
 
 }  // namespace
@@ -34,6 +35,10 @@ int main(int argc, char** argv) {
     try {
         if (command == "--help" || command == "-h" || command == "help") {
             printUsage(std::cout);
+            return 0;
+        }
+        if (command == "--version" || command == "-V") {
+            std::cout << "cantp " << QB_VERSION << std::endl;
             return 0;
         }
         if (command == "endpoint") {

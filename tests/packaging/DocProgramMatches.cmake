@@ -1,0 +1,22 @@
+# cmake -DDOC=<markdown> -DPROGRAM=<source> -DMARKER=<name> -P DocProgramMatches.cmake
+# Fails unless the code block that follows "<!-- program: MARKER -->" in DOC is PROGRAM, byte
+# for byte.
+file(READ ${DOC} doc)
+file(READ ${PROGRAM} program)
+set(begin "<!-- program: ${MARKER} -->\n```cpp\n")
+string(FIND "${doc}" "${begin}" at)
+if(at EQUAL -1)
+    message(FATAL_ERROR "${DOC} has no block marked '${begin}'")
+endif()
+string(LENGTH "${begin}" skip)
+math(EXPR at "${at} + ${skip}")
+string(SUBSTRING "${doc}" ${at} -1 rest)
+string(FIND "${rest}" "```\n<!-- end of program -->" end)
+if(end EQUAL -1)
+    message(FATAL_ERROR "${DOC}: the block of ${MARKER} has no end marker")
+endif()
+string(SUBSTRING "${rest}" 0 ${end} shown)
+if(NOT shown STREQUAL program)
+    message(FATAL_ERROR "${DOC} does not show ${PROGRAM} as it stands: copy the file into the block")
+endif()
+message(STATUS "${DOC} shows ${PROGRAM} as it stands")
