@@ -21,7 +21,7 @@
 /// - An exception that escapes threadCode() does not terminate the process. The thread writes
 ///   one line to std::cerr under LogUtil::logMutex,
 ///       "[ERROR] Thread::run() threadCode() ended by exception: <what>"
-///   (<what> is what() of a std::exception, or "unknown exception" for any other type), records
+///   (`<what>` is what() of a std::exception, or "unknown exception" for any other type), records
 ///   that text (exitReason()) and ends. isRunning() then turns false; the owner still joins.
 ///
 /// Fields beyond the POSIX handle: `runState` and `reason`. isRunning() and exitReason() must be
@@ -57,7 +57,7 @@ class Thread {
     /// True from start() until threadCode() has returned, thrown or been cancelled.
     bool isRunning() const { return runState.load(std::memory_order_acquire) == RUNNING; }
 
-    /// After the thread ended by an exception: the text of the "[ERROR] " line's <what>.
+    /// After the thread ended by an exception: the text of the "[ERROR] " line's `<what>`.
     /// Empty while running and after a normal end or a stop(). Read it after isRunning() is false.
     std::string exitReason() const;
 
