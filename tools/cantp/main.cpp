@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ArgumentReader.h"
+#include "ConvertCommand.h"
 #include "DecodeCommand.h"
 #include "DemoCommand.h"
 #include "EndpointCommand.h"
@@ -18,7 +19,8 @@ void printUsage(std::ostream& os) {
           "  demo       two endpoints hold a request/response conversation on a simulated\n"
           "             500 kbit/s CAN bus; every payload is verified byte by byte\n"
           "  endpoint   one transport endpoint driven through standard input and output\n"
-          "  decode     the transport view of a candump log\n"
+          "  decode     the transport view of a candump log or pcap capture\n"
+          "  convert    candump log to pcap capture and back\n"
           "\n"
           "'cantp <command> --help' describes each command. Manual: docs/cantp.md\n";
 }
@@ -44,6 +46,9 @@ int main(int argc, char** argv) {
         }
         if (command == "decode") {
             return DecodeCommand::run(argc, argv, 2);
+        }
+        if (command == "convert") {
+            return ConvertCommand::run(argc, argv, 2);
         }
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
