@@ -181,13 +181,12 @@ PcapReader::Result PcapReader::next(Record& record) {
     size_t read = readBytes(body, kept);
     // The rest of a long record is skipped in small pieces: it is never needed.
     uint8_t skipped[256];
-    while (read == kept && read < captured) {
+    bool more = read == kept;
+    while (more && read < captured) {
         const size_t n = std::min<size_t>(sizeof skipped, captured - read);
         const size_t r = readBytes(skipped, n);
         read += r;
-        if (r < n) {
-            break;
-        }
+        more = r == n;
     }
     if (read < captured) {
         return fail(where + "record cut short by the end of the file (" + std::to_string(read) +
