@@ -104,7 +104,7 @@ int decodePcap(InputFile& input, TransportDecoder& decoder, const std::string& s
 }  // namespace
 
 void DecodeCommand::printHelp(std::ostream& os) {
-    os << "Usage: cantp decode [options] [FILE]\n"
+    os << "Usage: cantp decode [FILE]\n"
           "\n"
           "Shows a candump log or a pcap capture as transport frames and reassembled\n"
           "payloads. Reads FILE, or standard input for '-' or no FILE; the format is\n"
