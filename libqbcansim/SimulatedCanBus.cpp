@@ -377,7 +377,7 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
                                << (lost ? " lost" : ""));
     }
 
-    if (cfg.tap != nullptr) {
+    if (cfg.tap != nullptr || cfg.pcapTap != nullptr) {
         writeTap(f, cfg.timed ? tx.endNs + realOffsetNs : realtimeNs());
     }
 
@@ -439,6 +439,13 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
 void SimulatedCanBus::writeTap(const Frame& f, int64_t realNs) {
     const int64_t sec = realNs / 1000000000;
     const uint32_t usec = static_cast<uint32_t>((realNs % 1000000000) / 1000);
+    if (cfg.pcapTap != nullptr) {
+        cfg.pcapTap->write(sec, usec, f.id, f.extended, f.data, f.length);
+        cfg.pcapTap->flush();
+    }
+    if (cfg.tap == nullptr) {
+        return;
+    }
     const std::string line =
         CandumpLine::format(sec, usec, cfg.tapInterface, f.id, f.extended, f.data, f.length);
     std::lock_guard<std::mutex> lock(LogUtil::logMutex);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "libqbcansim/PcapWriter.h"
 #include "libqbproc/Thread.h"
 #include "libqbtrace/TraceMessageBuffer.h"
 #include "libqbtrace/TraceMessageWriter.h"
@@ -57,7 +58,10 @@
 /// (CandumpLine) and flushed. The time is the real time (CLOCK_REALTIME) of the end of the
 /// transmission in timed mode, computed from its monotonic deadline, and of the delivery in fast
 /// mode. Each line is written under LogUtil::logMutex, so the tap may be std::cout; a reader of
-/// an in-memory tap stream takes that mutex while the bus runs.
+/// an in-memory tap stream takes that mutex while the bus runs. With Config::pcapTap set, every
+/// such frame is also written, with the same time stamp, as one record of a pcap capture
+/// (PcapWriter, link type 227) and flushed; the bus thread is then its only user while the bus
+/// runs.
 ///
 /// Descriptors. The bus owns the proxy pipes and closes them when destroyed. It does not own
 /// the nodes' input descriptors. Everything written into a node's input goes through that
@@ -95,6 +99,9 @@ class SimulatedCanBus : public Thread {
         std::ostream* tap = nullptr;
         /// The interface name in the tap's lines.
         std::string tapInterface = "can0";
+        /// Where to write the traffic as a pcap capture; null for none. Not owned: it must
+        /// outlive the running bus, and nobody else may use it while the bus runs.
+        PcapWriter* pcapTap = nullptr;
         /// Debug lines (one per frame) on std::cout at 1 and above.
         int debugLevel = 0;
     };

@@ -247,10 +247,13 @@ TEST(CantpDemoSocketCan, RefusesAnUnknownBusAndSimulatorOnlyOptions) {
     expectUsageError({"demo", "--bus", "vcan0"},
                      "cantp demo: --bus takes 'sim' or 'socketcan:IFACE', not 'vcan0'");
     expectUsageError({"demo", "--bus", "socketcan:vcan0", "--loss", "0.1"},
-                     "cantp demo: --fast, --loss and --log work on the simulated bus only "
+                     "cantp demo: --fast, --loss, --log and --pcap work on the simulated bus only "
                      "(record a SocketCAN interface with candump -L)");
     expectUsageError({"demo", "--bus", "socketcan:vcan0", "--fast"},
-                     "cantp demo: --fast, --loss and --log work on the simulated bus only "
+                     "cantp demo: --fast, --loss, --log and --pcap work on the simulated bus only "
+                     "(record a SocketCAN interface with candump -L)");
+    expectUsageError({"demo", "--bus", "socketcan:vcan0", "--pcap", "x.pcap"},
+                     "cantp demo: --fast, --loss, --log and --pcap work on the simulated bus only "
                      "(record a SocketCAN interface with candump -L)");
 }
 

@@ -26,6 +26,7 @@
 #include "ArgumentReader.h"
 #include "SocketCanArguments.h"
 #include "libqbcan/CANTransportThread.h"
+#include "libqbcansim/PcapWriter.h"
 #include "libqbcansim/SimulatedCanBus.h"
 #include "libqbio/LogUtil.h"
 #include "libqbsocketcan/CanRawSocket.h"
@@ -50,6 +51,7 @@ struct Options {
     bool fast = false;
     bool duplex = false;
     std::string logFile;
+    std::string pcapFile;
     int debug = 0;
     /// Empty: the simulated bus; otherwise the SocketCAN interface of --bus socketcan:IFACE.
     std::string socketCan;
@@ -196,7 +198,7 @@ class ProgressBar {
 /// The two endpoints on the bus, and the bookkeeping of one run.
 class Conversation {
   public:
-    Conversation(const Options& opt, std::ostream* tap)
+    Conversation(const Options& opt, std::ostream* tap, PcapWriter* pcapTap)
         : options(opt), rng(opt.seed), requester(opt.debug), responder(opt.debug) {
         requester.setSendCANid(0x7E0);
         responder.setSendCANid(0x7E8);
@@ -211,7 +213,7 @@ class Conversation {
         requester.open(requesterRead, requesterWrite);
         responder.open(responderRead, responderWrite);
         if (opt.socketCan.empty()) {
-            bus.reset(new SimulatedCanBus(busConfig(opt, tap)));
+            bus.reset(new SimulatedCanBus(busConfig(opt, tap, pcapTap)));
             nodeRequester = bus->addNode(requesterWrite, "0x7E0");
             nodeResponder = bus->addNode(responderWrite, "0x7E8");
             requester.setConnection(bus->proxyFd(nodeRequester));
@@ -259,9 +261,11 @@ class Conversation {
         }
     }
 
-    static SimulatedCanBus::Config busConfig(const Options& opt, std::ostream* tap) {
+    static SimulatedCanBus::Config busConfig(const Options& opt, std::ostream* tap,
+                                             PcapWriter* pcapTap) {
         SimulatedCanBus::Config cfg;
         cfg.tap = tap;
+        cfg.pcapTap = pcapTap;
         cfg.bitrate = opt.bitrate;
         cfg.timed = !opt.fast;
         cfg.lossProbability = opt.loss;
@@ -585,6 +589,8 @@ Options parseOptions(int argc, char** argv, int first, bool& help) {
             opt.duplex = true;
         } else if (args.option("--log", "-L", value)) {
             opt.logFile = value;
+        } else if (args.option("--pcap", nullptr, value)) {
+            opt.pcapFile = value;
         } else if (args.option("--debug", "-d", value)) {
             opt.debug = ArgumentReader::toInt("--debug", value, -1000, 1000);
         } else if (args.option("--bus", nullptr, value)) {
@@ -610,9 +616,10 @@ Options parseOptions(int argc, char** argv, int first, bool& help) {
     if (opt.bitrate < 1000) {
         throw UsageError("--bitrate must be at least 1000 bit/s");
     }
-    if (!opt.socketCan.empty() && (opt.fast || opt.loss != 0.0 || !opt.logFile.empty())) {
+    if (!opt.socketCan.empty() &&
+        (opt.fast || opt.loss != 0.0 || !opt.logFile.empty() || !opt.pcapFile.empty())) {
         throw UsageError(
-            "--fast, --loss and --log work on the simulated bus only (record a "
+            "--fast, --loss, --log and --pcap work on the simulated bus only (record a "
             "SocketCAN interface with candump -L)");
     }
     return opt;
@@ -648,17 +655,21 @@ void DemoCommand::printHelp(std::ostream& os) {
           "                       the protocol is not made for this: the summary shows what\n"
           "                       happens, and the exit status is 0 when the run completed\n"
           "  -L, --log FILE       write all bus traffic as a candump log (candump -L form)\n"
+          "      --pcap FILE      write all bus traffic as a pcap capture (link type 227,\n"
+          "                       for Wireshark, tshark and cantp decode); with --log too,\n"
+          "                       both hold the same frames with the same time stamps\n"
           "  -d, --debug N        show the endpoints' log lines, at debug level N\n"
           "      --bus sim|socketcan:IFACE\n"
           "                       sim (default): the simulated bus; socketcan:IFACE: a real\n"
           "                       interface, each endpoint with its own socket and proxy\n"
           "                       (--bitrate then only describes the interface for the goodput\n"
-          "                       figure; --fast, --loss and --log are refused)\n"
+          "                       figure; --fast, --loss, --log and --pcap are refused)\n"
           "  -h, --help           this text\n"
           "\n"
           "Examples:\n"
           "  cantp demo\n"
           "  cantp demo --payloads 20 --log demo.log && cantp decode demo.log\n"
+          "  cantp demo --payloads 5 --pcap demo.pcap && tshark -r demo.pcap\n"
           "  cantp demo --fast --payloads 1000 --loss 0.001 --seed 7\n"
           "  cantp demo --duplex --payloads 50\n"
           "  cantp demo --bus socketcan:vcan0 --payloads 200\n";
@@ -679,6 +690,17 @@ int DemoCommand::run(int argc, char** argv, int first) {
                       << std::endl;
             return 1;
         }
+    }
+    std::ofstream pcapFile;
+    std::unique_ptr<PcapWriter> pcapTap;
+    if (!opt.pcapFile.empty()) {
+        pcapFile.open(opt.pcapFile, std::ios::out | std::ios::trunc | std::ios::binary);
+        if (!pcapFile) {
+            std::cerr << "cantp demo: cannot open " << opt.pcapFile << ": " << std::strerror(errno)
+                      << std::endl;
+            return 1;
+        }
+        pcapTap = std::make_unique<PcapWriter>(pcapFile);
     }
 
     std::cout << "cantp demo: " << (opt.duplex ? "both directions at once" : "request/response")
@@ -705,7 +727,7 @@ int DemoCommand::run(int argc, char** argv, int first) {
             saved = std::cout.rdbuf(&filter);
         }
         try {
-            Conversation conversation(opt, opt.logFile.empty() ? nullptr : &tap);
+            Conversation conversation(opt, opt.logFile.empty() ? nullptr : &tap, pcapTap.get());
             ProgressBar progress(2ul * opt.payloads);
             const auto start = Clock::now();
             tally = opt.duplex ? conversation.runDuplex(progress)
@@ -797,5 +819,14 @@ int DemoCommand::run(int argc, char** argv, int first) {
             << "\n";
     }
     std::cout << out.str() << std::flush;
+    // A capture cut short (a full disk) must not pass for a complete one.
+    if (!opt.logFile.empty() && !tap.flush()) {
+        std::cerr << "cantp demo: cannot write " << opt.logFile << std::endl;
+        ok = false;
+    }
+    if (pcapTap && !(pcapTap->good() && pcapFile.flush())) {
+        std::cerr << "cantp demo: cannot write " << opt.pcapFile << std::endl;
+        ok = false;
+    }
     return ok ? 0 : 1;
 }

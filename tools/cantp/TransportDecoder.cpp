@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cctype>
+#include <cstdio>
+#include <sstream>
 #include <vector>
 
 #include "libqbcan/cantransport.h"
@@ -64,9 +67,113 @@ uint16_t frameParam(const CandumpLine& frame, bool withSecondByte) {
     return getFrameParam(frameData);
 }
 
+std::string lowerHex(const uint8_t* bytes, size_t count) {
+    std::string s = HexText::encode(bytes, count);
+    for (char& c : s) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return s;
+}
+
+template <typename T>
+std::string joined(const std::vector<T>& items) {
+    std::string s;
+    for (const T& item : items) {
+        if (!s.empty()) {
+            s += '|';
+        }
+        std::ostringstream text;
+        text << item;
+        s += text.str();
+    }
+    return s;
+}
+
+bool parseIdentifier(const std::string& text, uint32_t& value) {
+    if (text.empty()) {
+        return false;
+    }
+    const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    uint64_t v = 0;
+    for (size_t i = hex ? 2 : 0; i < text.size(); ++i) {
+        const int digit = hex ? HexText::digitValue(text[i])
+                              : (text[i] >= '0' && text[i] <= '9' ? text[i] - '0' : -1);
+        if (digit < 0) {
+            return false;
+        }
+        v = v * (hex ? 16 : 10) + static_cast<uint64_t>(digit);
+        if (v > 0x1FFFFFFF) {
+            return false;
+        }
+    }
+    value = static_cast<uint32_t>(v);
+    return true;
+}
+
 }  // namespace
 
-TransportDecoder::TransportDecoder(std::ostream& stream) : out(stream) {}
+bool TransportDecoder::parseIdentifiers(const std::string& text, IdentifierRanges& ranges,
+                                        std::string& error) {
+    IdentifierRanges result;
+    std::string item;
+    const auto takeItem = [&]() {
+        const size_t dash = item.find('-');
+        uint32_t low = 0;
+        uint32_t high = 0;
+        const bool ok = dash == std::string::npos
+                            ? parseIdentifier(item, low) && parseIdentifier(item, high)
+                            : parseIdentifier(item.substr(0, dash), low) &&
+                                  parseIdentifier(item.substr(dash + 1), high);
+        if (!ok || low > high) {
+            error = "\"" + item +
+                    "\" is not an identifier (0x7E0, 2016) or a range (0x700-0x7FF) up to "
+                    "0x1FFFFFFF";
+            return false;
+        }
+        result.emplace_back(low, high);
+        return true;
+    };
+    for (char c : text) {
+        if (c == ' ' || c == '\t') {
+            continue;
+        }
+        if (c == ',') {
+            if (!takeItem()) {
+                return false;
+            }
+            item.clear();
+            continue;
+        }
+        item += c;
+    }
+    if (!takeItem()) {
+        return false;
+    }
+    ranges = result;
+    return true;
+}
+
+TransportDecoder::TransportDecoder(std::ostream& stream, Output mode) : out(stream), output(mode) {}
+
+void TransportDecoder::selectIdentifiers(const IdentifierRanges& ranges) {
+    identifiers = ranges;
+}
+
+bool TransportDecoder::selected(uint32_t canId) const {
+    if (identifiers.empty()) {
+        return true;
+    }
+    for (const auto& range : identifiers) {
+        if (canId >= range.first && canId <= range.second) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void TransportDecoder::noteLine(const std::string& text) {
+    out << "# " << text << '\n';
+}
 
 void TransportDecoder::addLine(const std::string& line) {
     ++lineNumber;
@@ -77,8 +184,7 @@ void TransportDecoder::addLine(const std::string& line) {
     CandumpLine frame;
     std::string error;
     if (!CandumpLine::parse(line, frame, error)) {
-        ++totals.unparsable;
-        out << "line " << lineNumber << ": error: " << error << '\n';
+        addUnreadable("line", lineNumber, error);
         return;
     }
     // The time stamp is shown as written (any number of second digits); parse() has checked
@@ -88,17 +194,95 @@ void TransportDecoder::addLine(const std::string& line) {
         const auto close = std::find(first, line.end(), ')');
         time.assign(first + 1, close);
     }
-    decodeFrame(frame, time);
+    decodeFrame(frame, time, lineNumber);
 }
 
 void TransportDecoder::addUnreadableLine(const std::string& reason) {
     ++lineNumber;
-    ++totals.unparsable;
-    out << "line " << lineNumber << ": error: " << reason << '\n';
+    addUnreadable("line", lineNumber, reason);
 }
 
-void TransportDecoder::decodeFrame(const CandumpLine& frame, const std::string& time) {
+void TransportDecoder::addUnreadable(const char* what, uint64_t number, const std::string& reason) {
+    ++totals.unparsable;
+    const std::string text =
+        std::string(what) + " " + std::to_string(number) + ": error: " + reason;
+    if (output == Output::REPORT) {
+        out << text << '\n';
+    } else {
+        noteLine(text);
+    }
+}
+
+void TransportDecoder::addFrame(const CandumpLine& frame, uint64_t number) {
+    std::string time = "-";
+    if (frame.hasTimestamp) {
+        char stamp[40];
+        std::snprintf(stamp, sizeof stamp, "%010lld.%06lu", static_cast<long long>(frame.seconds),
+                      static_cast<unsigned long>(frame.microseconds));
+        time = stamp;
+    }
+    decodeFrame(frame, time, number);
+}
+
+void TransportDecoder::addOtherRecord(uint64_t number, const std::string& reason,
+                                      bool hasIdentifier, uint32_t canId, bool extended) {
+    addUnreadable("record", number, reason);
+    if (output == Output::FIELDS) {
+        const std::string identifier =
+            hasIdentifier ? std::to_string(canId) + '\t' + (extended ? "1" : "0") : "\t";
+        fieldsLine(number, identifier, FrameFields());
+    }
+}
+
+void TransportDecoder::decodeFrame(const CandumpLine& frame, const std::string& time,
+                                   uint64_t number) {
     ++totals.frames;
+    frameNumber = number;
+    current = FrameFields();
+    if (selected(frame.canId)) {
+        decodeTransportFrame(frame, time);
+    } else {
+        ++totals.other;
+        frameLine(time, frame, "other", "-");
+    }
+    if (output == Output::FIELDS) {
+        fieldsLine(number, std::to_string(frame.canId) + '\t' + (frame.extended ? "1" : "0"),
+                   current);
+    }
+}
+
+void TransportDecoder::fieldsLine(uint64_t number, const std::string& identifier,
+                                  const FrameFields& f) {
+    const auto optional = [](int value) {
+        return value < 0 ? std::string() : std::to_string(value);
+    };
+    std::string s = std::to_string(number);
+    s += '\t';
+    s += identifier;
+    s += '\t' + optional(f.kind);
+    s += '\t' + optional(f.length);
+    s += '\t' + optional(f.sequence);
+    s += '\t' + optional(f.code);
+    s += '\t' + f.padding;
+    s += '\t' + joined(f.errors);
+    if (f.delivered) {
+        s += '\t' + std::to_string(f.payload.size());
+        s += '\t' + lowerHex(f.payload.data(), f.payload.size());
+        s += '\t' + joined(f.payloadFrames);
+    } else {
+        s += "\t\t\t";
+    }
+    s += '\n';
+    out << s;
+}
+
+void TransportDecoder::setPadding(const CandumpLine& frame, size_t from) {
+    if (from < frame.length) {
+        current.padding = lowerHex(frame.data.data() + from, frame.length - from);
+    }
+}
+
+void TransportDecoder::decodeTransportFrame(const CandumpLine& frame, const std::string& time) {
     const Key key(frame.interfaceName, frame.extended, frame.canId);
     const std::string name = frame.interfaceName + " " + frame.identifierText();
 
@@ -109,9 +293,11 @@ void TransportDecoder::decodeFrame(const CandumpLine& frame, const std::string& 
         return;
     }
     const uint8_t pci = frame.data[0];
+    current.kind = pci >> 4;
     switch (classifyFrame(pci)) {
         case CTP_FRAME_SINGLE:
             ++totals.single;
+            current.length = frameParam(frame, false);
             frameLine(time, frame, "single", "len=" + std::to_string(frameParam(frame, false)));
             onSingle(key, name, frame);
             return;
@@ -124,17 +310,21 @@ void TransportDecoder::decodeFrame(const CandumpLine& frame, const std::string& 
                 return;
             }
             ++totals.first;
+            current.length = frameParam(frame, true);
             frameLine(time, frame, "first", "len=" + std::to_string(frameParam(frame, true)));
             onFirst(key, name, frame);
             return;
         case CTP_FRAME_CONSECUTIVE:
             ++totals.consecutive;
+            current.sequence = frameParam(frame, false);
             frameLine(time, frame, "consecutive", "sn=" + std::to_string(frameParam(frame, false)));
             onConsecutive(key, name, frame);
             return;
         case CTP_FRAME_FLOW_CONTROL: {
             ++totals.flowControl;
             const uint16_t code = frameParam(frame, false);
+            current.code = code;
+            setPadding(frame, 1);
             const char* codeName = flowControlName(code);
             frameLine(time, frame, "flow-control",
                       codeName != nullptr ? std::string(codeName)
@@ -164,7 +354,9 @@ void TransportDecoder::onSingle(const Key& key, const std::string& name, const C
                             std::to_string(carried));
         return;
     }
-    deliver(name, byteVec_t(frame.data.begin() + 1, frame.data.begin() + 1 + announced));
+    setPadding(frame, 1 + announced);
+    deliver(name, byteVec_t(frame.data.begin() + 1, frame.data.begin() + 1 + announced),
+            std::vector<uint64_t>{frameNumber});
 }
 
 void TransportDecoder::onFirst(const Key& key, const std::string& name, const CandumpLine& frame) {
@@ -187,6 +379,7 @@ void TransportDecoder::onFirst(const Key& key, const std::string& name, const Ca
     transfer.nextSequence = 0;
     transfer.bytes.reserve(announced);
     transfer.bytes.assign(frame.data.begin() + 2, frame.data.begin() + 2 + FIRST_FRAME_BYTES);
+    transfer.frames.assign(1, frameNumber);
 }
 
 void TransportDecoder::onConsecutive(const Key& key, const std::string& name,
@@ -222,8 +415,10 @@ void TransportDecoder::onConsecutive(const Key& key, const std::string& name,
     // Bytes after the end of the payload in its last frame are padding and are not taken.
     transfer.bytes.insert(transfer.bytes.end(), frame.data.begin() + 1,
                           frame.data.begin() + 1 + needed);
+    transfer.frames.push_back(frameNumber);
+    setPadding(frame, 1 + needed);
     if (transfer.bytes.size() == transfer.announced) {
-        deliver(name, transfer.bytes);
+        deliver(name, transfer.bytes, transfer.frames);
         open.erase(it);
     }
 }
@@ -239,16 +434,26 @@ void TransportDecoder::dropOpenTransfer(const Key& key, const std::string& name,
     open.erase(it);
 }
 
-void TransportDecoder::deliver(const std::string& name, const byteVec_t& bytes) {
+void TransportDecoder::deliver(const std::string& name, const byteVec_t& bytes,
+                               const std::vector<uint64_t>& frames) {
     // Single frames announce 1 to 15 bytes and first frames at least 8: never empty.
     assert(!bytes.empty());
     ++totals.payloads;
     totals.bytes += bytes.size();
+    if (output == Output::FIELDS) {
+        current.delivered = true;
+        current.payload = bytes;
+        current.payloadFrames = frames;
+        return;
+    }
     out << "payload " << name << " len=" << bytes.size() << ' ' << HexText::encode(bytes) << '\n';
 }
 
 void TransportDecoder::frameLine(const std::string& time, const CandumpLine& frame,
                                  const char* kind, const std::string& param) {
+    if (output == Output::FIELDS) {
+        return;
+    }
     std::string s;
     pad(s, time, TIME_WIDTH);
     pad(s, frame.interfaceName, IFACE_WIDTH);
@@ -261,7 +466,13 @@ void TransportDecoder::frameLine(const std::string& time, const CandumpLine& fra
 
 void TransportDecoder::errorLine(const std::string& name, const std::string& message) {
     ++totals.errors;
-    out << "error " << name << ": " << message << '\n';
+    if (output == Output::REPORT) {
+        out << "error " << name << ": " << message << '\n';
+    } else if (finished) {
+        noteLine("error " + name + ": " + message);
+    } else {
+        current.errors.push_back(message);
+    }
 }
 
 void TransportDecoder::finish() {
@@ -285,10 +496,16 @@ void TransportDecoder::finish() {
                       " of " + byteCount(transfer.announced, "byte") + ")");
     }
     open.clear();
-    out << "summary frames=" << totals.frames << " single=" << totals.single
+    const char* prefix = output == Output::FIELDS ? "# " : "";
+    out << prefix << "summary frames=" << totals.frames << " single=" << totals.single
         << " first=" << totals.first << " consecutive=" << totals.consecutive
-        << " flow-control=" << totals.flowControl << " invalid=" << totals.invalid << '\n'
-        << "summary payloads=" << totals.payloads << " bytes=" << totals.bytes
+        << " flow-control=" << totals.flowControl << " invalid=" << totals.invalid;
+    // Only with an identifier filter, so that the summary of a plain run keeps its form.
+    if (!identifiers.empty()) {
+        out << " other=" << totals.other;
+    }
+    out << '\n'
+        << prefix << "summary payloads=" << totals.payloads << " bytes=" << totals.bytes
         << " errors=" << totals.errors << " unparsable=" << totals.unparsable
         << " incomplete=" << totals.incomplete << '\n';
 }

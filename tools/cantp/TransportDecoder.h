@@ -6,6 +6,8 @@
 #include <ostream>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "libqbcansim/CandumpLine.h"
 #include "libqbutil/utility.h"
@@ -29,10 +31,36 @@
 /// transfer, a new single or first frame drops a transfer left open, and invalid frames and
 /// flow-control frames do not touch reassembly.
 ///
-/// Memory: one buffer (at most 4095 bytes) per transfer still open; nothing else grows with the
-/// log. Not thread-safe; one decoder per log.
+/// Fields output (Output::FIELDS, `cantp decode --fields`): instead of the report, one line per
+/// frame of tab-separated fields in the order and form of
+///
+///     tshark -T fields -E separator=/t -E occurrence=a -E aggregator='|'
+///         -e frame.number -e can.id -e can.flags.xtd -e cantp.kind -e cantp.len -e cantp.sn
+///         -e cantp.fc -e cantp.padding -e cantp.error -e cantp.payload.len -e cantp.payload
+///         -e cantp.payload.frame
+///
+/// with the Wireshark dissector tools/wireshark/cantp.lua, so that the two views can be compared
+/// line by line (docs/wireshark.md). Everything else (unreadable lines, transfers left open,
+/// the summary) goes on lines that begin with '#'.
+///
+/// Identifier filter (selectIdentifiers()): frames of other identifiers are shown as kind
+/// "other" (fields output: without transport fields) and take no part in reassembly, as the
+/// dissector leaves them alone.
+///
+/// Memory: one buffer (at most 4095 bytes) and its frame numbers per transfer still open;
+/// nothing else grows with the log. Not thread-safe; one decoder per log.
 class TransportDecoder {
   public:
+    enum class Output { REPORT, FIELDS };
+
+    /// Inclusive ranges of identifier values (standard and extended alike).
+    using IdentifierRanges = std::vector<std::pair<uint32_t, uint32_t>>;
+
+    /// Parses a list such as "0x7E0,0x7E8" or "0x700-0x7FF,0x18DA00F1" (hexadecimal with 0x,
+    /// or decimal; ranges with '-'; blanks ignored) into `ranges`. Returns false with a reason
+    /// in `error` for anything else, an empty list included.
+    static bool parseIdentifiers(const std::string& text, IdentifierRanges& ranges,
+                                 std::string& error);
     /// Totals of the log so far.
     struct Counts {
         uint64_t frames = 0;  ///< lines that were frames, valid or not
@@ -46,10 +74,14 @@ class TransportDecoder {
         uint64_t errors = 0;      ///< "error ..." lines, incomplete transfers included
         uint64_t unparsable = 0;  ///< "line N: error: ..." lines
         uint64_t incomplete = 0;  ///< transfers still open at finish()
+        uint64_t other = 0;       ///< frames of identifiers not selected
     };
 
     /// The report goes to `out`; the stream must outlive the decoder.
-    explicit TransportDecoder(std::ostream& out);
+    explicit TransportDecoder(std::ostream& out, Output output = Output::REPORT);
+
+    /// Decodes only frames whose identifier lies in `ranges`; call before the first frame.
+    void selectIdentifiers(const IdentifierRanges& ranges);
 
     /// Takes the next line of the log (without its line end; a trailing CR is ignored). Blank
     /// lines and lines whose first non-blank character is '#' are skipped but counted for the
@@ -59,6 +91,16 @@ class TransportDecoder {
     /// Takes the next line of the log as one that could not be read whole (for instance one too
     /// long to be a frame): counted as unparsable and reported as "line N: error: REASON".
     void addUnreadableLine(const std::string& reason);
+
+    /// Takes a frame read from elsewhere than a text line (a pcap record): `number` is its
+    /// frame number (the record number); its time stamp is shown as candump writes it.
+    void addFrame(const CandumpLine& frame, uint64_t number);
+
+    /// Takes a record that is not a classic CAN data frame (a remote frame, ...): counted as
+    /// unparsable and reported as "record N: error: REASON". In the fields output its line
+    /// carries the identifier only (none for an error frame, `hasIdentifier` false).
+    void addOtherRecord(uint64_t number, const std::string& reason, bool hasIdentifier,
+                        uint32_t canId, bool extended);
 
     /// End of the log: reports each transfer still open (in the order they started) as an
     /// error and writes the two summary lines. Call once, after the last addLine().
@@ -76,21 +118,47 @@ class TransportDecoder {
         size_t announced = 0;     ///< length from the first frame, 8 to 4095
         uint8_t nextSequence = 0;
         byteVec_t bytes;
+        std::vector<uint64_t> frames;  ///< frame numbers of its frames so far
     };
 
-    void decodeFrame(const CandumpLine& frame, const std::string& time);
+    /// What the fields output shows of the frame being decoded; -1 for a field not shown.
+    struct FrameFields {
+        int kind = -1;
+        int length = -1;
+        int sequence = -1;
+        int code = -1;
+        std::string padding;
+        std::vector<std::string> errors;
+        bool delivered = false;
+        byteVec_t payload;
+        std::vector<uint64_t> payloadFrames;
+    };
+
+    void decodeFrame(const CandumpLine& frame, const std::string& time, uint64_t number);
+    void decodeTransportFrame(const CandumpLine& frame, const std::string& time);
+    void addUnreadable(const char* what, uint64_t number, const std::string& reason);
+    bool selected(uint32_t canId) const;
+    void setPadding(const CandumpLine& frame, size_t from);
+    void fieldsLine(uint64_t number, const std::string& identifier, const FrameFields& f);
+    void noteLine(const std::string& text);
     void onSingle(const Key& key, const std::string& name, const CandumpLine& frame);
     void onFirst(const Key& key, const std::string& name, const CandumpLine& frame);
     void onConsecutive(const Key& key, const std::string& name, const CandumpLine& frame);
     /// Drops the open transfer of `key`, if any, with an error "<what> while a transfer is open".
     void dropOpenTransfer(const Key& key, const std::string& name, const char* what);
-    void deliver(const std::string& name, const byteVec_t& bytes);
+    void deliver(const std::string& name, const byteVec_t& bytes,
+                 const std::vector<uint64_t>& frames);
 
     void frameLine(const std::string& time, const CandumpLine& frame, const char* kind,
                    const std::string& param);
     void errorLine(const std::string& name, const std::string& message);
 
     std::ostream& out;
+    const Output output;
+    IdentifierRanges identifiers;
+    /// The frame being decoded: its number and what the fields output shows of it.
+    uint64_t frameNumber = 0;
+    FrameFields current;
     Counts totals;
     uint64_t lineNumber = 0;
     uint64_t transfersStarted = 0;

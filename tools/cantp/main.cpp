@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ArgumentReader.h"
+#include "ConvertCommand.h"
 #include "DecodeCommand.h"
 #include "DemoCommand.h"
 #include "DumpCommand.h"
@@ -21,10 +22,11 @@ void printUsage(std::ostream& os) {
           "  demo       two endpoints hold a request/response conversation on a simulated\n"
           "             500 kbit/s CAN bus; every payload is verified byte by byte\n"
           "  endpoint   one transport endpoint driven through standard input and output\n"
-          "  decode     the transport view of a candump log\n"
+          "  decode     the transport view of a candump log or pcap capture\n"
           "  send       send one payload over a SocketCAN interface (like isotpsend)\n"
           "  recv       receive payloads over a SocketCAN interface (like isotprecv)\n"
           "  dump       the live transport view of a SocketCAN interface (like isotpdump)\n"
+          "  convert    candump log to pcap capture and back\n"
           "\n"
           "'cantp <command> --help' describes each command; 'cantp --version' prints the\n"
           "version. Manual: docs/cantp.md, 'man cantp'\n";
@@ -64,6 +66,9 @@ int main(int argc, char** argv) {
         }
         if (command == "dump") {
             return DumpCommand::run(argc, argv, 2);
+        }
+        if (command == "convert") {
+            return ConvertCommand::run(argc, argv, 2);
         }
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
