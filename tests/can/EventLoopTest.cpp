@@ -410,8 +410,9 @@ TEST(EventLoop, CanMessageWithTwelveDataBytesEndsTheThreadWithBufferMismatch) {
     h.sendFrame({0x02, 0x41, 0x42, 0, 0, 0, 0, 0, 0, 0, 0, 0});
     EXPECT_TRUE(waitUntil([&] { return !h.transport.isRunning(); }, kEventWait));
     EXPECT_EQ(h.transport.exitReason(), "CANTraceMessageBase too long");
-    EXPECT_TRUE(h.waitForErrLine(
+    EXPECT_TRUE(h.waitForLine(
         "[ERROR] Thread::run() threadCode() ended by exception: CANTraceMessageBase too long"));
+    EXPECT_EQ(h.errLines(), Lines{});
     EXPECT_TRUE(h.expectNoFrame(milliseconds(20)));
     EXPECT_TRUE(h.expectNoPayload(milliseconds(20)));
 }
