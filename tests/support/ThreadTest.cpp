@@ -501,11 +501,15 @@ TEST(Thread, StopEndsThreadBlockedInWriteCancellableOnFullPipe) {
 TEST(ThreadOnItself, StopRequestsTheEndAtTheNextWaitAndTheOwnerJoins) {
     struct SelfStopper : Thread {
         std::atomic<bool> stopReturned{false};
+        std::atomic<bool> workDone{false};
         std::atomic<bool> passedTheWait{false};
         ~SelfStopper() override { stop(); }
         void threadCode() override {
             stop();  // cannot join itself: only requests the end
             stopReturned = true;
+            // Work the thread still does after asking for its end.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            workDone = true;
             timeval tv = {5, 0};
             waitForInput(0, nullptr, nullptr, nullptr, &tv);
             passedTheWait = true;
@@ -513,12 +517,12 @@ TEST(ThreadOnItself, StopRequestsTheEndAtTheNextWaitAndTheOwnerJoins) {
     };
     SelfStopper t;
     t.start();
-    ASSERT_TRUE(qbtest::waitUntil([&] { return !t.isRunning(); }, kEventTimeout));
-    EXPECT_TRUE(t.stopReturned.load());
+    ASSERT_TRUE(qbtest::waitUntil([&] { return t.stopReturned.load(); }, kEventTimeout));
+    t.stop();  // the owner's stop() still waits for the thread and joins it
+    EXPECT_TRUE(t.workDone.load());
     EXPECT_FALSE(t.passedTheWait.load());
-    EXPECT_EQ("", t.exitReason());
-    t.stop();  // joins
     EXPECT_FALSE(t.isRunning());
+    EXPECT_EQ("", t.exitReason());
 }
 
 TEST(ThreadOnItself, JoinThrowsQBException) {
