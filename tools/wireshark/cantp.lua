@@ -103,6 +103,8 @@ local can_xtd = Field.new("can.flags.xtd")
 local can_rtr = Field.new("can.flags.rtr")
 local can_err = Field.new("can.flags.err")
 local interface_id = Field.new("frame.interface_id")
+-- Present only in CAN FD frames, which the CAN dissector hands to the same heuristic list.
+local canfd_brs = Field.new("canfd.flags.brs")
 
 -- Identifier ranges from the preference; nil means every identifier.
 local id_ranges = nil
@@ -380,7 +382,7 @@ local function can_header()
     end
     local rtr = can_rtr()
     local err = can_err()
-    if (rtr and rtr.value) or (err and err.value) then
+    if (rtr and rtr.value) or (err and err.value) or canfd_brs() ~= nil then
         return nil
     end
     local xtd = can_xtd()
