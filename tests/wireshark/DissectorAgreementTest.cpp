@@ -382,3 +382,24 @@ TEST_F(DissectorAgreement, SecondPassShowsWhatTheFirstComputed) {
     ASSERT_EQ(all.size(), 30u);
     EXPECT_EQ(filtered, std::vector<std::string>(all.begin() + 25, all.end()));
 }
+
+TEST_F(DissectorAgreement, CanFdAndRemoteFramesAreLeftAlone) {
+    // Little-endian pcap, snap length 72, link type 227; then a CAN FD frame of 4 bytes (flags
+    // byte 0x04, a 72-byte record), a classic single frame 7E0#0378797A and a remote frame 7E0.
+    std::string file = {'\xd4', '\xc3', '\xb2', '\xa1', 2,  0, 4, 0, 0,      0, 0, 0,
+                        0,      0,      0,      0,      72, 0, 0, 0, '\xe3', 0, 0, 0};
+    const std::string fdHeader = {0, 0, 0, 0, 0, 0,      0, 0, 72, 0, 0, 0,   72,  0,
+                                  0, 0, 0, 0, 7, '\xe0', 4, 4, 0,  0, 3, 'a', 'b', 'c'};
+    file += fdHeader + std::string(72 - 12, '\0');
+    file += std::string{1, 0, 0, 0,      0, 0, 0, 0, 16, 0,   0,   0,   16, 0, 0, 0,
+                        0, 0, 7, '\xe0', 8, 0, 0, 0, 3,  'x', 'y', 'z', 0,  0, 0, 0};
+    file += std::string{2,      0, 0, 0,      0, 0, 0, 0, 16, 0, 0, 0, 16, 0, 0, 0,
+                        '\x40', 0, 7, '\xe0', 3, 0, 0, 0, 0,  0, 0, 0, 0,  0, 0, 0};
+    std::ofstream out(capture(), std::ios::binary);
+    out << file;
+    out.close();
+    ASSERT_TRUE(out);
+    EXPECT_EQ(expectAgreement("0x7E0,0x7E8"), 3u);
+    EXPECT_EQ(tsharkColumn("0x7E0,0x7E8", "cantp.payload", "cantp"),
+              (std::vector<std::string>{"2: 78797a"}));
+}

@@ -1,4 +1,4 @@
-// The transport view of a candump log: each frame classified, payloads reassembled, errors named.
+// The transport view of a CAN log: each frame classified, payloads reassembled, errors named.
 #pragma once
 
 #include <cstdint>

@@ -103,6 +103,8 @@ local can_xtd = Field.new("can.flags.xtd")
 local can_rtr = Field.new("can.flags.rtr")
 local can_err = Field.new("can.flags.err")
 local interface_id = Field.new("frame.interface_id")
+-- Present only in CAN FD frames, which the CAN dissector hands to the same heuristic list.
+local canfd_brs = Field.new("canfd.flags.brs")
 
 -- Identifier ranges from the preference; nil means every identifier.
 local id_ranges = nil
@@ -141,10 +143,22 @@ local function parse_ranges(text)
     return ranges
 end
 
+local ids_valid = true
+
 local function selected(id)
     if id_text ~= cantp.prefs.ids then
         id_text = cantp.prefs.ids
-        id_ranges = parse_ranges(id_text)
+        local ok, ranges = pcall(parse_ranges, id_text)
+        ids_valid = ok
+        if ok then
+            id_ranges = ranges
+        else
+            -- A list that cannot be read selects nothing (said once), rather than everything.
+            report_failure(tostring(ranges))
+        end
+    end
+    if not ids_valid then
+        return false
     end
     if id_ranges == nil then
         return true
@@ -322,7 +336,8 @@ local function show(r, tvb, pinfo, tree, id, extended)
     pinfo.cols.info:set(info)
 
     local whole = tvb:len() > 0 and tvb() or nil
-    local subtree = whole and tree:add(cantp, whole, r.info) or tree:add(cantp, r.info)
+    local subtree = whole and tree:add(cantp, whole) or tree:add(cantp)
+    subtree:append_text(", " .. r.info)
     if r.kind ~= nil then
         subtree:add(f.kind, tvb(0, 1), r.kind)
     end
@@ -367,7 +382,7 @@ local function can_header()
     end
     local rtr = can_rtr()
     local err = can_err()
-    if (rtr and rtr.value) or (err and err.value) then
+    if (rtr and rtr.value) or (err and err.value) or canfd_brs() ~= nil then
         return nil
     end
     local xtd = can_xtd()
