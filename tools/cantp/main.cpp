@@ -7,6 +7,7 @@
 #include "DecodeCommand.h"
 #include "DemoCommand.h"
 #include "EndpointCommand.h"
+#include "SoakCommand.h"
 #include "libqbutil/QBException.h"
 
 namespace {
@@ -19,6 +20,7 @@ void printUsage(std::ostream& os) {
           "             500 kbit/s CAN bus; every payload is verified byte by byte\n"
           "  endpoint   one transport endpoint driven through standard input and output\n"
           "  decode     the transport view of a candump log\n"
+          "  soak       many payloads over lossy simulated buses, every delivery classified\n"
           "\n"
           "'cantp <command> --help' describes each command. Manual: docs/cantp.md\n";
 }
@@ -44,6 +46,9 @@ int main(int argc, char** argv) {
         }
         if (command == "decode") {
             return DecodeCommand::run(argc, argv, 2);
+        }
+        if (command == "soak") {
+            return SoakCommand::run(argc, argv, 2);
         }
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
