@@ -379,10 +379,14 @@ struct Incident {
     std::vector<std::string> details;
 };
 
-/// What the whole run shares: the incident list and the progress counter.
+/// What the whole run shares: the incidents and the progress counter. Incidents go to the file
+/// as they happen; only the first summaries are kept, so memory stays bounded.
 struct Shared {
     std::mutex mutex;
-    std::vector<Incident> incidents;
+    std::ostream* incidentsOut = nullptr;
+    unsigned listLimit = 0;
+    std::vector<std::string> summaries;
+    unsigned long long incidentCount = 0;
     std::atomic<unsigned long long> handedOver{0};
     std::atomic<bool> abort{false};
 };
@@ -814,7 +818,17 @@ void Lane::onDelivery(int receiver, const byteVec_t& d) {
                                    " bytes, " + (partial ? "partial: " : "corrupted: ") + badText);
     {
         std::lock_guard<std::mutex> g(shared.mutex);
-        shared.incidents.push_back(std::move(incident));
+        shared.incidentCount += 1;
+        if (shared.summaries.size() < shared.listLimit) {
+            shared.summaries.push_back(incident.summary);
+        }
+        if (shared.incidentsOut != nullptr) {
+            *shared.incidentsOut << incident.summary << "\n";
+            for (const std::string& l : incident.details) {
+                *shared.incidentsOut << l << "\n";
+            }
+            *shared.incidentsOut << "\n" << std::flush;
+        }
     }
     changed.notify_all();
 }
@@ -1256,6 +1270,10 @@ int SoakCommand::run(int argc, char** argv, int first) {
     std::cout << head.str() << std::endl;
 
     Shared shared;
+    shared.listLimit = opt.listLimit;
+    if (incidentsOut.is_open()) {
+        shared.incidentsOut = &incidentsOut;
+    }
     LogLineCounter logCounter;
     std::streambuf* savedOut = nullptr;
     std::streambuf* savedErr = nullptr;
@@ -1392,22 +1410,14 @@ int SoakCommand::run(int argc, char** argv, int first) {
       << " kB at the end\n";
     o << std::fixed << std::setprecision(1) << "time      " << seconds << " s\n";
     std::lock_guard<std::mutex> lock(shared.mutex);
-    if (!shared.incidents.empty()) {
+    if (shared.incidentCount > 0) {
         o << "bad deliveries:\n";
-        for (size_t i = 0; i < shared.incidents.size() && i < opt.listLimit; ++i) {
-            o << "  " << shared.incidents[i].summary << "\n";
+        for (const std::string& summary : shared.summaries) {
+            o << "  " << summary << "\n";
         }
-        if (shared.incidents.size() > opt.listLimit) {
-            o << "  ... and " << shared.incidents.size() - opt.listLimit << " more\n";
-        }
-    }
-    if (incidentsOut.is_open()) {
-        for (const Incident& inc : shared.incidents) {
-            incidentsOut << inc.summary << "\n";
-            for (const std::string& l : inc.details) {
-                incidentsOut << l << "\n";
-            }
-            incidentsOut << "\n";
+        if (shared.incidentCount > shared.summaries.size()) {
+            o << "  ... and " << shared.incidentCount - shared.summaries.size() << " more"
+              << (opt.incidentsFile.empty() ? "" : " (all in " + opt.incidentsFile + ")") << "\n";
         }
     }
     if (completed && resolved != total.handedOver) {
