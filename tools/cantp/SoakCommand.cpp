@@ -1363,9 +1363,12 @@ int SoakCommand::run(int argc, char** argv, int first) {
     }
 
     Counts total;
+    Counts byKind[2];  // request/response lanes, stream lanes
     uint64_t framesCarried = 0, framesLost = 0;
     for (auto& lane : lanes) {
-        total.add(lane->counts());
+        const Counts c = lane->counts();
+        total.add(c);
+        byKind[lane->requestResponse() ? 0 : 1].add(c);
         const SimulatedCanBus::Statistics s = lane->busStatistics();
         framesCarried += s.framesCarried;
         framesLost += s.framesLost;
@@ -1382,6 +1385,17 @@ int SoakCommand::run(int argc, char** argv, int first) {
       << total.failedReported + total.failedSilently << " (reported through the status callback "
       << total.failedReported << ", dropped without a report " << total.failedSilently
       << "), unresolved " << total.handedOver - resolved << "\n";
+    for (int k = 0; k < 2; ++k) {
+        const Counts& c = byKind[k];
+        if (c.handedOver == 0) {
+            continue;
+        }
+        o << (k == 0 ? "  request/response lanes: " : "  one-way stream lanes:   ")
+          << "handed over " << c.handedOver << ", acknowledged " << c.acknowledged << ", failed "
+          << c.failedReported + c.failedSilently << "; delivered byte-exact " << c.exact
+          << ", duplicates " << c.duplicates << ", partial " << c.partial << ", corrupted "
+          << c.corrupted << "\n";
+    }
     o << "delivered " << total.deliveries << ": byte-exact " << total.exact << " ("
       << grouped(total.bytesExact) << " bytes), duplicates " << total.duplicates << ", partial "
       << total.partial << ", corrupted " << total.corrupted << ", unparsable " << total.unparsable
