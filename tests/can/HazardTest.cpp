@@ -139,6 +139,9 @@ const char* const kRefused2 =
 const char* const kRefused0 =
     "[ERROR] CANTransportThread::checkFlowControl() CTP_FC_NOT_ACKNOWLEDGE or "
     "CTP_FC_NOT_READY_TO_RECEIVE received [0]";
+const char* const kNoSendingState =
+    "[ERROR] CANTransportThread::checkFlowControl() received a flow control but has no sending "
+    "state. 0x000007e8 8  0x30 0x00 0x00 0x00 0x00 0x00 0x00 0x00";
 const char* const kRetry0 = "[INFO] CANTransportThread::handleSendError() send retry = 0";
 const char* const kRetry1 = "[INFO] CANTransportThread::handleSendError() send retry = 1";
 
@@ -210,25 +213,30 @@ TEST(Hazard, LostConsecutiveFrameDeliversPayloadWithoutItsFirstSixBytesAsAcknowl
     EXPECT_EQ(p.lineCount(kRetry1), 1u);
 }
 
-// What the soak met after some partial deliveries. The sender's last copy of the first frame,
-// sent after the final refusal, reaches the idle receiver and opens a transfer of the old
-// length. The next payload's first frame arrives while that transfer is open and is refused,
-// but the ready to receive for the stale copy releases the next payload's consecutive frames:
-// the receiver delivers the old length's worth of the next payload (without its first six bytes,
-// 21 of its 48 bytes), and the sender reports the next payload acknowledged too. The frames after
-// the cut are refused one by one.
+// What the soak met after some partial deliveries and give-ups. A copy of a first frame that
+// is still on its way when the sender has moved on (here the last copy sent after the final
+// refusal of hazard 1) reaches the idle receiver and opens a transfer of the old length; the
+// receiver's ready to receive is held up on the way. The next payload's first frame arrives while
+// that transfer is open and is refused, but the held-up ready to receive releases the next
+// payload's consecutive frames: the receiver delivers the old length's worth of the next payload
+// (without its first six bytes, 21 of its 48 bytes), and the sender reports the next payload
+// acknowledged too. The frames after the cut are refused one by one, and the sender, no longer
+// waiting, logs each refusal.
 TEST(Hazard, StaleFirstFrameOpensTransferThatNextPayloadCompletesCutToTheOldLength) {
     RelayedPair p;
     p.start();
     ASSERT_NO_FATAL_FAILURE(partialDeliveryAsAcknowledged(p));
-    // The last copy of the first frame reaches B: a new transfer of 27 bytes.
+    // The last copy of the first frame reaches B: a new transfer of 27 bytes. B's answer is held
+    // up on its way to A.
     ASSERT_TRUE(writeAll(p.b.writeFD, canFrameMessage(kFirst, 0x7E0)));
     ASSERT_TRUE(p.take(p.b, kReady));
+    const Bytes nextFirst{0x10, 0x30, 101, 102, 103, 104, 105, 106};
     p.handOver(p.a, countingBytes(48, 101));
-    ASSERT_TRUE(p.pass(p.a, Bytes{0x10, 0x30, 101, 102, 103, 104, 105, 106}));
+    ASSERT_TRUE(p.pass(p.a, nextFirst));
     ASSERT_TRUE(p.take(p.b, kNotReady));  // refused; the 27-byte transfer stays open
-    // B's ready to receive for the stale copy reaches A, which waits for the next payload's.
+    // Both answers reach A now, the one for the stale copy first.
     ASSERT_TRUE(writeAll(p.a.writeFD, canFrameMessage(kReady, 0x7E8)));
+    ASSERT_TRUE(writeAll(p.a.writeFD, canFrameMessage(kNotReady, 0x7E8)));
     for (uint8_t sn = 0; sn < 6; ++sn) {
         Bytes cf{static_cast<uint8_t>(0x20 | sn)};
         for (uint8_t k = 0; k < 7; ++k) {
@@ -236,12 +244,13 @@ TEST(Hazard, StaleFirstFrameOpensTransferThatNextPayloadCompletesCutToTheOldLeng
         }
         ASSERT_TRUE(p.pass(p.a, cf));
     }
-    ASSERT_TRUE(p.take(p.b, kAck));  // after the third consecutive frame: 21 bytes complete
+    ASSERT_TRUE(p.drop(p.a, nextFirst));  // A's resend after the refusal
+    ASSERT_TRUE(p.pass(p.b, kAck));       // after the third consecutive frame: 21 bytes complete
     for (int k = 0; k < 3; ++k) {
-        ASSERT_TRUE(p.take(p.b, kNotReady));  // the fourth to sixth, while idle
+        ASSERT_TRUE(p.pass(p.b, kNotReady));  // the fourth to sixth, while idle
     }
-    ASSERT_TRUE(writeAll(p.a.writeFD, canFrameMessage(kAck, 0x7E8)));
     ASSERT_TRUE(p.a.status.waitForCount(3, kEventWait));
+    ASSERT_TRUE(waitUntil([&] { return p.lineCount(kNoSendingState) == 3; }, kEventWait));
 
     EXPECT_EQ(p.deliveries(p.b, kEventWait),
               (std::vector<Bytes>{countingBytes(21, 7), countingBytes(21, 107)}));
@@ -250,9 +259,11 @@ TEST(Hazard, StaleFirstFrameOpensTransferThatNextPayloadCompletesCutToTheOldLeng
                                                          CANTransportThread::CTT_ACKNOWLEDGED}));
     EXPECT_EQ(p.a.status.events()[2].arg, 48);
     EXPECT_TRUE(p.a.transport.sendQueueEmpty());
+    p.a.transport.stop();
     p.b.transport.stop();
     EXPECT_EQ(p.lineCount(kFirstWhileReceiving), 2u);
     EXPECT_EQ(p.lineCount(kConsecutiveWhileIdle), 4u);
+    EXPECT_EQ(p.lineCount(kNoSendingState), 3u);
 }
 
 // The same hazard at its core: a first frame repeated while its transfer is open keeps the

@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -469,7 +470,6 @@ class Lane {
     Counts tally;
     unsigned long long events = 0;
     int64_t lastProgressNs = 0;
-    uint32_t currentRequest = UINT32_MAX;
     std::string failureText;
     bool started = false;
     bool shut = false;
@@ -1009,7 +1009,6 @@ bool Lane::drive() {
             {
                 std::lock_guard<std::mutex> lock(mutex);
                 seq = registerHandOver(0, bytes);
-                currentRequest = seq;
             }
             handed += 1;
             appEvent(ep[0].name + " hands over request #" + std::to_string(seq));
