@@ -435,7 +435,12 @@ class Lane {
         std::vector<uint16_t> deliveredOfPeer;  // exact deliveries per peer sequence number
         int64_t queueEmptySinceNs = 0;
         unsigned long long eventsWhenEmpty = 0;
+        uint64_t framesWhenEmpty = 0;
     };
+
+    /// How long the queue must read empty, with no status report and no frame from either
+    /// endpoint, before the payloads outstanding count as dropped without a report.
+    static constexpr int64_t QUIET_NS = 300000000;
 
     void forward(int e);
     void read(int e);
@@ -956,8 +961,16 @@ bool Lane::waitResolved(std::initializer_list<int> which) {
                 continue;
             }
             allResolved = false;
-            // Asked without the lane's lock: the endpoint takes its own queue lock.
+            // Asked without the lane's lock: the endpoint takes its own queue lock. The
+            // endpoint also reads an empty queue while a payload it has already taken from its
+            // pipe waits in its reader to be queued, which lasts as long as the thread is not
+            // scheduled or handles the frames before it. So a payload counts as dropped only
+            // after a quiet spell: no status report and no frame written by either endpoint.
             const bool queueEmpty = ep[e].transport.sendQueueEmpty();
+            uint64_t frames = 0;
+            for (const SimulatedCanBus::NodeStatistics& n : bus.statistics().nodes) {
+                frames += n.framesAccepted;
+            }
             std::lock_guard<std::mutex> lock(mutex);
             Endpoint& p = ep[e];
             if (!queueEmpty || p.outstanding.empty()) {
@@ -965,12 +978,14 @@ bool Lane::waitResolved(std::initializer_list<int> which) {
                 continue;
             }
             const int64_t now = nowNs();
-            if (p.queueEmptySinceNs == 0 || p.eventsWhenEmpty != events) {
+            if (p.queueEmptySinceNs == 0 || p.eventsWhenEmpty != events ||
+                p.framesWhenEmpty != frames) {
                 p.queueEmptySinceNs = now;
                 p.eventsWhenEmpty = events;
-            } else if (now - p.queueEmptySinceNs >= 30000000) {
-                // Empty for 30 ms with no status report: dropped without a report (a give-up
-                // after the loss of the peer had already been reported).
+                p.framesWhenEmpty = frames;
+            } else if (now - p.queueEmptySinceNs >= QUIET_NS) {
+                // Dropped without a report (a give-up after the loss of the peer had already
+                // been reported).
                 for (uint32_t seq : p.outstanding) {
                     p.ownState[seq] = FAILED_SILENTLY;
                     tally.failedSilently += 1;
