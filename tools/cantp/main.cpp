@@ -11,6 +11,7 @@
 #include "EndpointCommand.h"
 #include "RecvCommand.h"
 #include "SendCommand.h"
+#include "SoakCommand.h"
 #include "libqbutil/QBException.h"
 
 namespace {
@@ -27,6 +28,7 @@ void printUsage(std::ostream& os) {
           "  recv       receive payloads over a SocketCAN interface (like isotprecv)\n"
           "  dump       the live transport view of a SocketCAN interface (like isotpdump)\n"
           "  convert    candump log to pcap capture and back\n"
+          "  soak       many payloads over lossy simulated buses, every delivery classified\n"
           "\n"
           "'cantp <command> --help' describes each command; 'cantp --version' prints the\n"
           "version. Manual: docs/cantp.md, 'man cantp'\n";
@@ -69,6 +71,9 @@ int main(int argc, char** argv) {
         }
         if (command == "convert") {
             return ConvertCommand::run(argc, argv, 2);
+        }
+        if (command == "soak") {
+            return SoakCommand::run(argc, argv, 2);
         }
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
