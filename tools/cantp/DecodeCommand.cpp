@@ -1,113 +1,14 @@
 #include "DecodeCommand.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "ArgumentReader.h"
+#include "LineReader.h"
 #include "TransportDecoder.h"
-
-namespace {
-
-/// A candump line is below 100 characters; anything far longer is not a frame, and cutting it
-/// off keeps the memory of the decoder bounded whatever the input.
-const size_t MAX_LINE_LENGTH = 4096;
-
-/// Reads lines from a descriptor a block at a time. Owns the descriptor if it opened it (not
-/// standard input). Not copyable: one reader per run.
-class LineReader {
-  public:
-    enum Result { LINE, LONG_LINE, END, FAILED };
-
-    /// Standard input.
-    LineReader() : fd(STDIN_FILENO), owned(false), buffer(65536) {}
-
-    /// Opens `path`; on failure isOpen() is false and errno says why.
-    explicit LineReader(const std::string& path)
-        : fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), owned(true), buffer(65536) {}
-
-    ~LineReader() {
-        // Not retried on EINTR: on Linux the descriptor is released even then.
-        if (owned && fd >= 0) {
-            ::close(fd);
-        }
-    }
-    LineReader(const LineReader&) = delete;
-    LineReader& operator=(const LineReader&) = delete;
-
-    bool isOpen() const { return fd >= 0; }
-
-    /// True if the next line can be returned without waiting for input.
-    bool hasBuffered() const { return begin < end; }
-
-    /// The next line without its '\n' (LINE). A line longer than MAX_LINE_LENGTH is skipped to
-    /// its end (LONG_LINE, `line` is empty). END at the end of the input, FAILED (errno set) if
-    /// reading fails. A last line without '\n' counts as a line.
-    Result next(std::string& line) {
-        line.clear();
-        bool any = false;
-        bool tooLong = false;
-        for (;;) {
-            if (begin == end) {
-                const ssize_t n = readSome();
-                if (n < 0) {
-                    return FAILED;
-                }
-                if (n == 0) {
-                    if (!any) {
-                        return END;
-                    }
-                    return tooLong ? LONG_LINE : LINE;
-                }
-                begin = 0;
-                end = static_cast<size_t>(n);
-            }
-            any = true;
-            const char* start = buffer.data() + begin;
-            const void* found = std::memchr(start, '\n', end - begin);
-            const size_t take = found != nullptr
-                                    ? static_cast<size_t>(static_cast<const char*>(found) - start)
-                                    : end - begin;
-            if (!tooLong) {
-                if (line.size() + take > MAX_LINE_LENGTH) {
-                    tooLong = true;
-                    line.clear();
-                } else {
-                    line.append(start, take);
-                }
-            }
-            begin += take;
-            if (found != nullptr) {
-                ++begin;
-                return tooLong ? LONG_LINE : LINE;
-            }
-        }
-    }
-
-  private:
-    ssize_t readSome() {
-        for (;;) {
-            const ssize_t n = ::read(fd, buffer.data(), buffer.size());
-            if (n >= 0 || errno != EINTR) {
-                return n;
-            }
-        }
-    }
-
-    int fd;
-    bool owned;
-    std::vector<char> buffer;
-    size_t begin = 0;
-    size_t end = 0;
-};
-
-}  // namespace
 
 void DecodeCommand::printHelp(std::ostream& os) {
     os << "Usage: cantp decode [FILE]\n"
@@ -199,8 +100,8 @@ int DecodeCommand::run(int argc, char** argv, int first) {
             return 1;
         }
         if (result == LineReader::LONG_LINE) {
-            decoder.addUnreadableLine("line longer than " + std::to_string(MAX_LINE_LENGTH) +
-                                      " characters");
+            decoder.addUnreadableLine("line longer than " +
+                                      std::to_string(LineReader::MAX_LINE_LENGTH) + " characters");
         } else {
             decoder.addLine(line);
         }
