@@ -22,11 +22,14 @@ EndpointLine EndpointLine::parse(const std::string& rawLine) {
     if (!line.empty() && line.back() == '\r') {
         line.pop_back();
     }
-    const size_t begin = line.find_first_not_of(" \t");
+    // CR counts as a blank wherever it stands, as it does for the candump fields: a stray CR
+    // before a '#' must not turn a comment into a frame on an interface named "#...".
+    const char* const blanks = " \t\r";
+    const size_t begin = line.find_first_not_of(blanks);
     if (begin == std::string::npos || line[begin] == '#') {
         return result;
     }
-    const size_t end = line.find_last_not_of(" \t");
+    const size_t end = line.find_last_not_of(blanks);
     const std::string text = line.substr(begin, end - begin + 1);
     std::istringstream words(text);
     std::string command;

@@ -9,7 +9,7 @@
 /// What one input line of `cantp endpoint` asks for. parse() only reads the text: it touches no
 /// endpoint and writes nothing, so the command (EndpointCommand) and the fuzzer share it.
 ///
-/// Lines (leading and trailing blanks and tabs and a trailing CR ignored):
+/// Lines (leading and trailing blanks, tabs and CRs ignored):
 /// - blank, or '#' as first non-blank character: NOTHING;
 /// - `send [HEX]`: SEND with `payload` (HexText::decode: pairs, blanks or '.' between bytes);
 /// - `clear`: CLEAR; `clear all`: CLEAR_ALL;

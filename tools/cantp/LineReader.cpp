@@ -6,21 +6,16 @@
 #include <cerrno>
 #include <cstring>
 
-namespace {
-
-constexpr size_t BLOCK_SIZE = 65536;
-
-}  // namespace
-
-LineReader::LineReader() : LineReader(STDIN_FILENO, false) {}
+LineReader::LineReader() : LineReader(STDIN_FILENO, false, BLOCK_SIZE) {}
 
 LineReader::LineReader(const std::string& path)
-    : LineReader(::open(path.c_str(), O_RDONLY | O_CLOEXEC), true) {}
+    : LineReader(::open(path.c_str(), O_RDONLY | O_CLOEXEC), true, BLOCK_SIZE) {}
 
-LineReader::LineReader(int fdIn, bool ownedIn) : fd(fdIn), owned(ownedIn), buffer(BLOCK_SIZE) {}
+LineReader::LineReader(int fdIn, bool ownedIn, size_t blockSize)
+    : fd(fdIn), owned(ownedIn), buffer(blockSize > 0 ? blockSize : 1) {}
 
-LineReader LineReader::fromDescriptor(int fd) {
-    return LineReader(fd, false);
+LineReader LineReader::fromDescriptor(int fd, size_t blockSize) {
+    return LineReader(fd, false, blockSize);
 }
 
 LineReader::~LineReader() {

@@ -18,13 +18,16 @@ class LineReader {
     /// A candump line is below 100 characters; anything far longer is not a frame, and cutting
     /// it off keeps the memory of the reader and of the decoder bounded whatever the input.
     static constexpr size_t MAX_LINE_LENGTH = 4096;
+    /// Bytes asked for per read() call.
+    static constexpr size_t BLOCK_SIZE = 65536;
 
     /// Standard input.
     LineReader();
     /// Opens `path`; on failure isOpen() is false and errno says why.
     explicit LineReader(const std::string& path);
-    /// Reads `fd`, which stays the caller's (not closed).
-    static LineReader fromDescriptor(int fd);
+    /// Reads `fd`, which stays the caller's (not closed), `blockSize` bytes (at least 1) per
+    /// read() call.
+    static LineReader fromDescriptor(int fd, size_t blockSize = BLOCK_SIZE);
 
     ~LineReader();
     LineReader(const LineReader&) = delete;
@@ -42,7 +45,7 @@ class LineReader {
     Result next(std::string& line);
 
   private:
-    LineReader(int fd, bool owned);
+    LineReader(int fd, bool owned, size_t blockSize);
     ssize_t readSome();
 
     int fd;
