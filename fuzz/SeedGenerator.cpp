@@ -149,6 +149,20 @@ void traceReaderSeeds() {
     m.push_back(3), transportPiece(m, inner), append(m, {20, 0, 0x40});
     m.push_back(0), transportPiece(m, inner);
     writeSeed(t, "msg-whole-garbage-cut-damaged", m);
+
+    // Garbage made of the bytes that framings commonly reserve (delimiters, escapes, magic
+    // starts), cut frames before whole messages, and a damaged message at the very end.
+    Bytes g{1, 0};
+    g.push_back(1), g.push_back(4), append(g, {0xC0, 0xF5, 0xC1, 0xC0});
+    g.push_back(0), canPiece(g, {0x10, 0x14, 0, 1, 2, 3, 4, 5});
+    g.push_back(1), g.push_back(3), append(g, {0x7E, 0x7D, 0xF5});
+    g.push_back(0), transportPiece(g, {0xC0, 0xC1, 0xF5, 0x7E, 0x7D, 0x00, 0xFF});
+    g.push_back(2), canPiece(g, {0x30}), append(g, {1, 0});
+    g.push_back(0), canPiece(g, {0x33});
+    g.push_back(1), g.push_back(6), append(g, {'Q', 'B', 'T', 'M', 0x01, 0x00});
+    g.push_back(0), transportPiece(g, counting(300));
+    g.push_back(3), transportPiece(g, counting(10)), append(g, {0, 0, 0xFF});
+    writeSeed(t, "msg-reserved-bytes-as-garbage", g);
     m[0] = 3;
     m[1] = 9;
     writeSeed(t, "msg-whole-garbage-cut-damaged-chunked", m);
