@@ -21,6 +21,7 @@
 #include "ArgumentReader.h"
 #include "SocketCanArguments.h"
 #include "SocketCanLink.h"
+#include "EndpointLine.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/CandumpLine.h"
 #include "libqbio/LogUtil.h"
@@ -265,74 +266,49 @@ class EndpointSession {
 
     /// Handles one line of standard input.
     void handleLine(const std::string& rawLine) {
-        std::string line = rawLine;
-        if (!line.empty() && line.back() == '\r') {
-            line.pop_back();
-        }
-        const size_t begin = line.find_first_not_of(" \t");
-        if (begin == std::string::npos || line[begin] == '#') {
-            return;
-        }
-        const size_t end = line.find_last_not_of(" \t");
-        const std::string text = line.substr(begin, end - begin + 1);
-        std::istringstream words(text);
-        std::string command;
-        words >> command;
-        std::string rest;
-        std::getline(words, rest);
-        const size_t restBegin = rest.find_first_not_of(" \t");
-        rest = restBegin == std::string::npos ? std::string() : rest.substr(restBegin);
-
-        if (command == "send") {
-            byteVec_t payload;
-            std::string reason;
-            if (!HexText::decode(rest, payload, reason)) {
-                emitLine("error: " + reason + ": " + rawLine, true);
-                return;
+        const EndpointLine command = EndpointLine::parse(rawLine);
+        switch (command.kind) {
+            case EndpointLine::NOTHING:
+                break;
+            case EndpointLine::INVALID:
+                emitLine("error: " + command.reason + ": " + rawLine, true);
+                break;
+            case EndpointLine::SEND: {
+                CANTransportTraceMessage msg(0, sendId, command.payload.begin(),
+                                             command.payload.end(), CT_STANDARD);
+                submit(msg);
+                break;
             }
-            CANTransportTraceMessage msg(0, sendId, payload.begin(), payload.end(), CT_STANDARD);
-            submit(msg);
-        } else if (command == "clear") {
-            if (rest.empty()) {
+            case EndpointLine::CLEAR:
                 transport->clear(false);
-            } else if (rest == "all") {
+                break;
+            case EndpointLine::CLEAR_ALL:
                 transport->clear(true);
-            } else {
-                emitLine("error: clear takes nothing or 'all': " + rawLine, true);
+                break;
+            case EndpointLine::EMPTY:
+                emitLine(transport->sendQueueEmpty() ? "empty true" : "empty false");
+                break;
+            case EndpointLine::DEBUG:
+                transport->setDebugLevel(command.debugLevel);
+                break;
+            case EndpointLine::FRAME: {
+                if (link) {
+                    emitLine("error: frames come from " + link->proxy().interfaceName() +
+                                 ", not from standard input: " + rawLine,
+                             true);
+                    break;
+                }
+                const CandumpLine& frame = command.frame;
+                const timeStamp_t stamp =
+                    frame.hasTimestamp
+                        ? static_cast<timeStamp_t>(frame.seconds) * 1000000u + frame.microseconds
+                        : 0;
+                CANExtTraceMessage msg(stamp, 0, CF_STANDARD, CSE_NO,
+                                       frame.extended ? CT_EXTENDED : CT_STANDARD, frame.length,
+                                       frame.canId, frame.data.data());
+                submit(msg);
+                break;
             }
-        } else if (command == "empty") {
-            if (!rest.empty()) {
-                emitLine("error: empty takes no argument: " + rawLine, true);
-                return;
-            }
-            emitLine(transport->sendQueueEmpty() ? "empty true" : "empty false");
-        } else if (command == "debug") {
-            try {
-                transport->setDebugLevel(ArgumentReader::toInt("debug level", rest, -1000, 1000));
-            } catch (const UsageError& e) {
-                emitLine(std::string("error: ") + e.what() + ": " + rawLine, true);
-            }
-        } else {
-            if (link) {
-                emitLine("error: frames come from " + link->proxy().interfaceName() +
-                             ", not from standard input: " + rawLine,
-                         true);
-                return;
-            }
-            CandumpLine frame;
-            std::string reason;
-            if (!CandumpLine::parse(text, frame, reason)) {
-                emitLine("error: " + reason + ": " + rawLine, true);
-                return;
-            }
-            const timeStamp_t stamp =
-                frame.hasTimestamp
-                    ? static_cast<timeStamp_t>(frame.seconds) * 1000000u + frame.microseconds
-                    : 0;
-            CANExtTraceMessage msg(stamp, 0, CF_STANDARD, CSE_NO,
-                                   frame.extended ? CT_EXTENDED : CT_STANDARD, frame.length,
-                                   frame.canId, frame.data.data());
-            submit(msg);
         }
     }
 
