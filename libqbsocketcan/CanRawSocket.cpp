@@ -153,7 +153,8 @@ CanRawSocket CanRawSocket::open(const std::string& name, const Options& options)
                           LogUtil::errorText(err));
     }
     const can_err_mask_t errorMask = ERROR_CLASSES;
-    if (::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) != 0) {
+    if (options.errorFrames &&
+        ::setsockopt(fd, SOL_CAN_RAW, CAN_RAW_ERR_FILTER, &errorMask, sizeof errorMask) != 0) {
         QB_SYSERROR("failed to ask for error frames (CAN_RAW_ERR_FILTER) on " << name << ": ");
     }
     const int on = 1;

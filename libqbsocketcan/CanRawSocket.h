@@ -48,6 +48,8 @@ class CanRawSocket {
         int receiveBufferBytes = 1 << 20;
         /// Send buffer to ask for; 0 keeps the kernel's default (docs/socketcan.md).
         int sendBufferBytes = 0;
+        /// Ask for error frames (CAN_RAW_ERR_FILTER with ERROR_CLASSES).
+        bool errorFrames = true;
     };
 
     /// The error classes asked for with CAN_RAW_ERR_FILTER.
