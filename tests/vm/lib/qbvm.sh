@@ -68,13 +68,15 @@ random_file() { head -c "$2" /dev/urandom >"$1"; }
 
 # Frames seen by can-utils' own candump, in candump -L form.
 #
-# start_candump FILE [candump arguments...]: start 'candump -L vcan0 ARGS' writing to FILE and
-# wait until it demonstrably receives: probe frames (identifier 7FF, data CA FE) are sent until
-# one shows in FILE. Sets CANDUMP_PID. Strip the probes with frames_of.
+# start_candump FILE [INTERFACE-SPEC [candump options...]]: start 'candump -L SPEC OPTIONS'
+# (SPEC by default vcan0; a SPEC with filters must let 7FF pass) writing to FILE, and wait until
+# it demonstrably receives: probe frames (identifier 7FF, data CA FE) are sent until one shows in
+# FILE. Sets CANDUMP_PID. Strip the probes with frames_of.
 start_candump() {
-    local file=$1
+    local file=$1 spec=${2:-vcan0}
     shift
-    candump -L vcan0 "$@" >"$file" &
+    [ $# -eq 0 ] || shift
+    candump -L "$@" "$spec" >"$file" &
     CANDUMP_PID=$!
     if ! wait_for 10 probe_seen "$file"; then
         echo "candump did not start receiving"
@@ -97,5 +99,40 @@ stop_candump() {
     return 0
 }
 
+# frames_of_times FILE: the same with the time stamps, "SEC.USEC ID#DATA" a line.
+frames_of_times() { grep -v ' 7FF#CA' "$1" | sed -n 's/^(\([0-9.]*\)) [^ ]* \(.*\)/\1 \2/p'; }
+
 # frames_of FILE: the frames of a candump -L file without time stamps and without the probes.
 frames_of() { grep -v ' 7FF#CA' "$1" | cut -d' ' -f2-; }
+
+# busybox's shell runs its own applets before programs of the same name in PATH, and its tc does
+# not know tbf: the checks use iproute2's.
+tc() { /usr/sbin/tc "$@"; }
+
+# can_filters ID: how many CAN_RAW sockets on vcan0 have a receive filter for the standard
+# identifier ID (hex, e.g. 7E0), from /proc/net/can/rcvlist_fil. A tool has bound its socket once
+# its filter shows there.
+can_filters() {
+    awk -v id="$(echo "$1" | tr 'A-F' 'a-f' | sed 's/^0*//')" \
+        '$1 == "vcan0" { v = $2; sub(/^0*/, "", v); if (v == id) n++ } END { print n + 0 }' \
+        /proc/net/can/rcvlist_fil
+}
+
+# wait_can_filters ID N [SECONDS]: wait until N sockets filter for ID (default 10 s).
+wait_can_filters() {
+    wait_for "${3:-10}" can_filters_at_least "$1" "$2"
+}
+can_filters_at_least() { [ "$(can_filters "$1")" -ge "$2" ]; }
+
+# stat_of FILE KEY: the value of KEY in the last 'stats IFACE key=N ...' line of FILE (written by
+# the cantp SocketCAN commands with --stats); empty if there is none.
+stat_of() {
+    sed -n "s/^stats .* $2=\([0-9][0-9]*\).*/\1/p" "$1" | tail -n 1
+}
+
+# tx_packets: frames vcan0 has carried since it was created (every frame written to it and not
+# refused by its queue).
+tx_packets() { cat /sys/class/net/vcan0/statistics/tx_packets; }
+
+# qdisc_dropped: the frames vcan0's queue discipline refused (each one an ENOBUFS for the writer).
+qdisc_dropped() { tc -s qdisc show dev vcan0 | sed -n 's/.*(dropped \([0-9]*\),.*/\1/p' | head -1; }

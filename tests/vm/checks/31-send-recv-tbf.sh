@@ -1,0 +1,18 @@
+# The same transfers through a token-bucket queue that lets vcan0 carry about 500 kbit/s and
+# holds only a few frames, as a real interface with a short transmit queue: the sender's proxy
+# meets ENOBUFS, counts it and tries again, and no frame is lost. Every ENOBUFS is a frame the
+# queue refused (tc's "dropped" count): the proxies' counts must add up to it.
+# qbvm-time-limit: 180
+. /lib/qbvm/qbvm.sh
+. /lib/qbvm/transfer.sh
+tc qdisc replace dev vcan0 root tbf rate 500kbit burst 1600 limit 200 ||
+    { fail "cannot set up the tbf queue"; exit 1; }
+transfer_sizes
+refused=$(qdisc_dropped)
+metric back-pressure.queue-refused "$refused"
+metric frames.vcan0-carried "$(tx_packets)"
+if [ "${ENOBUFS_TOTAL:-0}" -gt 0 ] && [ "$ENOBUFS_TOTAL" = "$refused" ]; then
+    result enobufs PASS "ENOBUFS seen $ENOBUFS_TOTAL times and counted: the queue refused $refused frames, every one retried"
+else
+    result enobufs FAIL "the proxies counted ${ENOBUFS_TOTAL:-?} ENOBUFS, the queue refused ${refused:-?} frames"
+fi
