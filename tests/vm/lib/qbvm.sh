@@ -49,12 +49,14 @@ uptime_s() { cut -d' ' -f1 /proc/uptime; }
 # elapsed START: seconds since START (an uptime_s value), with hundredths.
 elapsed() { awk -v a="$1" -v b="$(uptime_s)" 'BEGIN { printf "%.2f", b - a }'; }
 
-# cpu_ticks PID: user + system CPU time of PID and its waited-for children in clock ticks
-# (1/100 s), from /proc/PID/stat; the process must still exist (e.g. a zombie not yet reaped is
-# fine: its times are final).
+# cpu_ticks PID: user + system CPU time of PID (all its threads) in clock ticks (1/100 s), from
+# /proc/PID/stat; fails once the process is gone (the shell reaps its children at once, so
+# sample while it runs).
 cpu_ticks() {
     # The command name (field 2) is in parentheses and may hold blanks: cut after the last ')'.
-    sed 's/.*) //' "/proc/$1/stat" | awk '{ print $12 + $13 }'
+    local stat
+    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+    echo "${stat##*) }" | awk '{ print $12 + $13 }'
 }
 
 # alive PID: PID exists and is not a zombie.
