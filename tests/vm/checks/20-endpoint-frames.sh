@@ -33,18 +33,37 @@ expect_line() {
     wait_for 10 grep -q "$1" endpoint.out || problems="$problems $2;"
 }
 
+# The endpoint gives its peer 1 s to answer, and a shell that polls a file is slow under emulation:
+# each answer below is sent the moment a candump armed beforehand (arm N: exits after N frames of
+# 0x7E0) has seen the frames it answers (fire: waits for that candump).
+arm() {
+    local before
+    before=$(can_filters 7E0)
+    candump -n "$1" vcan0,7E0:7FF >/dev/null 2>&1 &
+    ARMED=$!
+    wait_can_filters 7E0 $((before + 1)) || problems="$problems a trigger candump did not start;"
+}
+fire() { wait "$ARMED" || problems="$problems a trigger candump failed;"; }
+
 # A payload of 3 bytes from the endpoint: one single frame; the peer acknowledges.
+arm 1
 echo "send 112233" >&4
-expect_frame 7E0#0311223300000000 "send 112233"
+fire
 cansend vcan0 7E8#3300000000000000
+expect_frame 7E0#0311223300000000 "send 112233"
 expect_line '^status CTT_ACKNOWLEDGED' "no acknowledgement reported for the single frame sent"
 
 # A payload of 20 bytes: first frame, the peer's 0x31, two consecutive frames, the peer's 0x33.
+arm 1
+first=$ARMED
+arm 3
+all=$ARMED
 echo "send 000102030405060708090A0B0C0D0E0F10111213" >&4
-expect_frame 7E0#1014000102030405 "send of 20 bytes"
+ARMED=$first fire
 cansend vcan0 7E8#3100000000000000
-expect_frame 7E0#210D0E0F10111213 "flow control 0x31"
+ARMED=$all fire
 cansend vcan0 7E8#3300000000000000
+expect_frame 7E0#210D0E0F10111213 "flow control 0x31"
 wait_for 10 sh -c "[ \$(grep -c '^status CTT_ACKNOWLEDGED' endpoint.out) -ge 2 ]" ||
     problems="$problems no acknowledgement reported for the 20 bytes sent;"
 
@@ -56,10 +75,12 @@ expect_frame 7E0#3300000000000000 "the peer's single frame"
 expect_line '^recv 7E8 AABBCC$' "the peer's single frame was not delivered"
 
 # The peer's first frame: answered with 0x31; its consecutive frames: delivered, acknowledged.
+arm 1
 cansend vcan0 7E8#1014000102030405
-expect_frame 7E0#3100000000000000 "the peer's first frame"
+fire
 cansend vcan0 7E8#20060708090A0B0C
 cansend vcan0 7E8#210D0E0F10111213
+expect_frame 7E0#3100000000000000 "the peer's first frame"
 expect_frame 7E0#3300000000000000 "the peer's consecutive frames"
 expect_line '^recv 7E8 000102030405060708090A0B0C0D0E0F10111213$' \
     "the peer's 20 bytes were not delivered"
