@@ -1,5 +1,6 @@
-# The same transfers through a token-bucket queue that lets vcan0 carry about 500 kbit/s and
-# holds only a few frames, as a real interface with a short transmit queue: the sender's proxy
+# The same transfers (the receiver this time running until SIGTERM) through a token-bucket queue
+# that lets vcan0 carry about 500 kbit/s and holds only a few frames, as a real interface with a
+# short transmit queue: the sender's proxy
 # meets ENOBUFS, counts it and tries again, and no frame is lost. Every ENOBUFS is a frame the
 # queue refused (tc's "dropped" count): the proxies' counts must add up to it. The queue lets
 # about 3900 frames a second through (it counts 16 bytes a frame); the proxy meets it full only in
@@ -8,6 +9,7 @@
 # qbvm-time-limit: 180
 . /lib/qbvm/qbvm.sh
 SIZES="1 7 8 100 1000 4095 4095 4095"
+RECV_END=signal
 . /lib/qbvm/transfer.sh
 tc qdisc replace dev vcan0 root tbf rate 500kbit burst 1600 limit 200 ||
     { fail "cannot set up the tbf queue"; exit 1; }

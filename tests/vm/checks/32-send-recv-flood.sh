@@ -1,7 +1,9 @@
-# The same transfers while cangen floods vcan0 with frames of another identifier (0x123, 8 bytes,
-# back to back): the proxies' receive filters keep them out, and nothing of the transfers is lost.
+# The same transfers (the receiver running until SIGTERM) while cangen floods vcan0 with frames of
+# another identifier (0x123, 8 bytes, back to back): the proxies' receive filters keep them out,
+# and nothing of the transfers is lost.
 # qbvm-time-limit: 240
 . /lib/qbvm/qbvm.sh
+RECV_END=signal
 . /lib/qbvm/transfer.sh
 before=$(tx_packets)
 cangen vcan0 -I 123 -L 8 -D i -g 0 >cangen.log 2>&1 &

@@ -11,6 +11,9 @@
 # them), and metrics.
 
 SIZES=${SIZES:-1 7 8 100 1000 4095}
+# How the receiver ends: count (--count N: it exits 0 after N payloads) or signal (no --count: it
+# runs until SIGTERM, sent once the N payloads are out, and exits 0).
+RECV_END=${RECV_END:-count}
 
 # frames_for SIZE: the frames the protocol needs for a payload of SIZE bytes: a single frame up to
 # 7 bytes; else a first frame (6 bytes) and consecutive frames of 7.
@@ -26,7 +29,9 @@ transfer_sizes() {
         { fail "candump does not receive"; return 1; }
     local filters_before
     filters_before=$(can_filters 7E0)
-    cantp recv --can socketcan:vcan0 --id 0x7E8 --peer-id 0x7E0 --count "$count" --stats \
+    local count_option=
+    [ "$RECV_END" = count ] && count_option="--count $count"
+    cantp recv --can socketcan:vcan0 --id 0x7E8 --peer-id 0x7E0 $count_option --stats \
         >recv.out 2>recv.err &
     local recv_pid=$!
     if ! wait_can_filters 7E0 $((filters_before + 1)); then
@@ -53,6 +58,10 @@ transfer_sizes() {
         expected=$((expected + $(frames_for "$size")))
     done
     metric seconds.all-sends "$(elapsed "$all_start")"
+    if [ "$RECV_END" = signal ]; then
+        wait_for 30 sh -c "[ \$(wc -l <recv.out) -ge $count ]"
+        kill -TERM "$recv_pid"
+    fi
     if ! wait_for 30 sh -c "! kill -0 $recv_pid 2>/dev/null"; then
         problems="$problems cantp recv still runs after $count payloads;"
         kill "$recv_pid"
