@@ -18,7 +18,7 @@ set -euo pipefail
 
 die() { echo "build-initramfs: $*" >&2; exit 1; }
 
-kernel= guest= out=
+kernel='' guest='' out=''
 bins=()
 modules=()
 while [ $# -gt 0 ]; do
@@ -74,7 +74,7 @@ for b in "${bins[@]}"; do
 done
 
 # Modules: index the tree by module name ('-' and '_' are the same in module names).
-declare -A module_file module_deps
+declare -A module_file
 while IFS= read -r ko; do
     name=${ko##*/}
     name=${name%.ko}

@@ -47,7 +47,7 @@ fi
 
 # Follow both tools until they exit, sampling their CPU time (clock ticks of 10 ms) every 100 ms
 # while they run: the last sample is their CPU time to within the last 100 ms.
-s_last=$s_start r_last=$r_start s_end= r_end= s_exit= r_exit=
+s_last=$s_start r_last=$r_start s_end='' r_end='' s_exit='' r_exit=''
 deadline=60
 while :; do
     if [ -z "$s_end" ]; then
@@ -117,9 +117,9 @@ grep -q 'vcan0 is down or gone' recv.err ||
     problems="$problems no clear error about vcan0 from the receiver;"
 [ -s recv.out ] && problems="$problems the receiver delivered a payload that was cut off;"
 # Waiting is sleeping: a spinning tool would use close to 100 % of a processor.
-[ -n "$s_exit" ] && [ "$s_cpu" -gt $(awk -v s="$s_exit" 'BEGIN { printf "%d", s * 100 * 0.25 + 5 }') ] &&
+[ -n "$s_exit" ] && [ "$s_cpu" -gt "$(awk -v s="$s_exit" 'BEGIN { printf "%d", s * 100 * 0.25 + 5 }')" ] &&
     problems="$problems the sender used $s_cpu ticks of CPU in ${s_exit} s after the interface went down;"
-[ -n "$r_exit" ] && [ "$r_cpu" -gt $(awk -v s="$r_exit" 'BEGIN { printf "%d", s * 100 * 0.25 + 5 }') ] &&
+[ -n "$r_exit" ] && [ "$r_cpu" -gt "$(awk -v s="$r_exit" 'BEGIN { printf "%d", s * 100 * 0.25 + 5 }')" ] &&
     problems="$problems the receiver used $r_cpu ticks of CPU in ${r_exit} s after the interface went down;"
 
 if [ -z "$problems" ]; then

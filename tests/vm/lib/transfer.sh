@@ -22,7 +22,7 @@ frames_for() {
 }
 
 transfer_sizes() {
-    local n=0 size rc start problems= sent=0 received_by_sender=0 retries=0 enobufs=0 expected=0
+    local n=0 size rc start problems='' sent=0 received_by_sender=0 retries=0 enobufs=0 expected=0
     local count
     count=$(echo $SIZES | wc -w)
     start_candump dump.log vcan0,7E0:7FF,7E8:7FF,7FF:7FF -r 4194304 -d ||
@@ -113,7 +113,6 @@ transfer_sizes() {
     metric back-pressure.sender-retries "$retries"
     metric back-pressure.receiver-enobufs "${r_enobufs:-?}"
     metric back-pressure.receiver-retries "${r_retries:-?}"
-    FRAMES_SENT=$sent
     ENOBUFS_TOTAL=$((enobufs + ${r_enobufs:-0}))
     # Frames lost towards the receiver: sent by the sender's proxies, not received by the
     # receiver's. (The way back is counted on the bus: a sender exits on the acknowledgement,
