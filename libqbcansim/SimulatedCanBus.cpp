@@ -33,36 +33,9 @@ sigset_t sigpipeSet() {
     return set;
 }
 
-// While alive, SIGPIPE is blocked in the calling thread, so that a write to a pipe without a
-// reader fails with EPIPE instead of ending the process. A SIGPIPE raised meanwhile is taken
-// off again, unless one was already pending before (that one belongs to someone else).
-class SigpipeBlock {
-  public:
-    SigpipeBlock() : set(sigpipeSet()) {
-        pthread_sigmask(SIG_BLOCK, &set, &saved);
-        sigset_t pending;
-        sigpending(&pending);
-        wasPending = sigismember(&pending, SIGPIPE) == 1;
-    }
-    ~SigpipeBlock() {
-        if (raised && !wasPending) {
-            const timespec zero{0, 0};
-            while (sigtimedwait(&set, nullptr, &zero) < 0 && errno == EINTR) {
-            }
-        }
-        pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-    }
-    SigpipeBlock(const SigpipeBlock&) = delete;
-    SigpipeBlock& operator=(const SigpipeBlock&) = delete;
-    void noteEpipe() { raised = true; }
-
-  private:
-    sigset_t set;
-    sigset_t saved;
-    bool wasPending = false;
-    bool raised = false;
-};
-
+// The writer's system calls for the bus thread: the write and the wait for room are the
+// places where stop() may end the thread (Thread::writeCancellable, Thread::waitForInput), so a
+// node whose reader has stopped reading cannot keep stop() waiting.
 }  // namespace
 
 SimulatedCanBus::SimulatedCanBus() : SimulatedCanBus(Config()) {}
@@ -113,6 +86,7 @@ int SimulatedCanBus::addNode(int inputFd, const std::string& name) {
     std::unique_ptr<Node> node(new Node);
     node->name = name;
     node->inputFd = inputFd;
+    node->writer.reset(new TraceMessageWriter(inputFd));
     node->proxyRead = fds[0];
     node->proxyWrite = fds[1];
     node->reader.reset(new TraceMessageBuffer(fds[0], nullptr));
@@ -133,40 +107,19 @@ bool SimulatedCanBus::writeToInput(int node, const byteVec_t& bytes) {
         throw std::out_of_range("SimulatedCanBus::writeToInput: no node " + std::to_string(node));
     }
     Node& n = *nodes[static_cast<size_t>(node)];
-    int failedErrno = 0;
-    {
-        SigpipeBlock block;
-        std::lock_guard<std::mutex> lock(n.inputMutex);
-        size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t written = ::write(n.inputFd, bytes.data() + done, bytes.size() - done);
-            if (written >= 0) {
-                done += static_cast<size_t>(written);
-                continue;
-            }
-            if (errno == EINTR) {
-                continue;
-            }
-            if (errno == EAGAIN || errno == EWOULDBLOCK) {
-                // A non-blocking input: wait until the reader has made room.
-                pollfd p{n.inputFd, POLLOUT, 0};
-                ::poll(&p, 1, -1);
-                continue;
-            }
-            failedErrno = errno;
-            if (errno == EPIPE) {
-                block.noteEpipe();
-            }
-            break;
-        }
-    }
-    if (failedErrno != 0) {
-        errno = failedErrno;
+    if (!n.writer->writeBytes(bytes.data(), bytes.size())) {
         QB_SYSERROR("failed to write " << bytes.size() << " bytes into the input of node " << n.name
                                        << ": ");
         return false;
     }
     return true;
+}
+
+TraceMessageWriter& SimulatedCanBus::inputWriter(int node) {
+    if (node < 0 || node >= nodeCount()) {
+        throw std::out_of_range("SimulatedCanBus::inputWriter: no node " + std::to_string(node));
+    }
+    return *nodes[static_cast<size_t>(node)]->writer;
 }
 
 void SimulatedCanBus::silence(int node, std::chrono::nanoseconds duration) {
@@ -492,43 +445,21 @@ void SimulatedCanBus::writeTap(const Frame& f, int64_t realNs) {
     *cfg.tap << line << '\n' << std::flush;
 }
 
+int SimulatedCanBus::waitWritable(int fd) {
+    fd_set writable;
+    FD_ZERO(&writable);
+    FD_SET(fd, &writable);
+    return waitForInput(fd + 1, nullptr, &writable, nullptr, nullptr);
+}
+
 bool SimulatedCanBus::deliver(Node& node, const byteVec_t& bytes) {
-    int failedErrno = 0;
-    bool firstFailure = false;
-    {
-        std::lock_guard<std::mutex> lock(node.inputMutex);
-        if (node.inputFailed) {
-            return false;
-        }
-        size_t done = 0;
-        while (done < bytes.size()) {
-            // Wait for room first: a write into a full blocking pipe could not be ended by
-            // stop(), a wait in waitForInput() can.
-            fd_set writable;
-            FD_ZERO(&writable);
-            FD_SET(node.inputFd, &writable);
-            if (waitForInput(node.inputFd + 1, nullptr, &writable, nullptr, nullptr) < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                failedErrno = errno;
-                break;
-            }
-            const ssize_t written = ::write(node.inputFd, bytes.data() + done, bytes.size() - done);
-            if (written >= 0) {
-                done += static_cast<size_t>(written);
-            } else if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
-                failedErrno = errno;
-                break;
-            }
-        }
-        if (failedErrno != 0) {
-            node.inputFailed = true;
-            firstFailure = true;
-        }
+    if (node.inputFailed) {
+        return false;
     }
-    if (firstFailure) {
-        errno = failedErrno;
+    static const TraceMessageWriter::SystemCalls stoppable{&Thread::writeCancellable,
+                                                           &SimulatedCanBus::waitWritable};
+    if (!node.writer->writeBytes(bytes.data(), bytes.size(), stoppable)) {
+        node.inputFailed = true;
         QB_SYSERROR("failed to write a frame into the input of node "
                     << node.name << ", no more frames go to it: ");
         return false;

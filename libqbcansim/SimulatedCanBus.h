@@ -13,6 +13,7 @@
 
 #include "libqbproc/Thread.h"
 #include "libqbtrace/TraceMessageBuffer.h"
+#include "libqbtrace/TraceMessageWriter.h"
 #include "libqbutil/utility.h"
 
 /// A classic CAN bus between endpoints, run as one worker thread.
@@ -59,23 +60,25 @@
 /// an in-memory tap stream takes that mutex while the bus runs.
 ///
 /// Descriptors. The bus owns the proxy pipes and closes them when destroyed. It does not own
-/// the nodes' input descriptors. Everything written into a node's input goes through one
-/// per-node mutex and is written whole (short writes continued, EINTR resumed, a non-blocking
-/// descriptor waited for), so a payload message longer than PIPE_BUF never interleaves with a
-/// frame. Applications must therefore not write into a node's input descriptor directly while
-/// the bus runs: they use writeToInput(). The bus thread ignores SIGPIPE: a write to an input
-/// whose reader has gone fails with EPIPE, is logged once for that node and counted
-/// (deliveryFailures) for every frame after.
+/// the nodes' input descriptors. Everything written into a node's input goes through that
+/// node's one TraceMessageWriter (inputWriter()), which writes each message whole under its lock
+/// (short writes continued, EINTR resumed, a non-blocking descriptor waited for), so a payload
+/// message longer than PIPE_BUF never interleaves with a frame. Applications must therefore not
+/// write into a node's input descriptor directly while the bus runs: they write their payloads
+/// through inputWriter(node) (or writeToInput(), which uses it). A write to an input whose
+/// reader has gone fails with EPIPE, never with SIGPIPE (the bus thread blocks SIGPIPE, the
+/// writer does so around each write); the bus logs it once for that node and counts
+/// (deliveryFailures) every frame after.
 ///
 /// Memory: per node a FIFO of at most about MAX_PENDING_FRAMES frames plus one read's worth
 /// (TraceMessageBuffer::READ_CHUNK_LIMIT bytes); while a node's FIFO is full the bus stops
 /// reading from it, and the endpoint's writes wait in the pipe.
 ///
 /// Thread rules. Construction, addNode(), start(), stop() and destruction: by the owner, and
-/// addNode() only before start(). proxyFd(), nodeCount(), writeToInput(), silence() and
-/// statistics() may be called from any thread at any time after the nodes have been added.
-/// When idle (no frame waiting or on the bus) the bus thread waits without a time limit.
-/// stop() (from Thread) ends it at its next wait; the destructor stops it first.
+/// addNode() only before start(). proxyFd(), nodeCount(), writeToInput(), inputWriter(), silence()
+/// and statistics() may be called from any thread at any time after the nodes have been added. When
+/// idle (no frame waiting or on the bus) the bus thread waits without a time limit. stop() (from
+/// Thread) ends it at its next wait; the destructor stops it first.
 class SimulatedCanBus : public Thread {
   public:
     struct Config {
@@ -172,6 +175,11 @@ class SimulatedCanBus : public Thread {
     /// fails. Throws std::out_of_range for an unknown node.
     bool writeToInput(int node, const byteVec_t& bytes);
 
+    /// The one writer into the node's input, shared by the bus (frames) and the application
+    /// (payloads); see TraceMessageWriter. It lives as long as the bus. Throws std::out_of_range
+    /// for an unknown node.
+    TraceMessageWriter& inputWriter(int node);
+
     /// Silences the node for `duration` from now (replacing an earlier silence); 0 or less
     /// ends a silence. Throws std::out_of_range for an unknown node.
     void silence(int node, std::chrono::nanoseconds duration);
@@ -203,12 +211,12 @@ class SimulatedCanBus : public Thread {
         int proxyRead = -1;
         int proxyWrite = -1;
         std::unique_ptr<TraceMessageBuffer> reader;
-        std::deque<Frame> fifo;     // bus thread only
-        bool proxyClosed = false;   // bus thread only
-        std::mutex inputMutex;      // serialises writes into inputFd
-        bool inputFailed = false;   // guarded by inputMutex
-        int64_t silentUntilNs = 0;  // guarded by stateMutex
-        NodeStatistics stats;       // guarded by stateMutex
+        std::deque<Frame> fifo;                      // bus thread only
+        bool proxyClosed = false;                    // bus thread only
+        std::unique_ptr<TraceMessageWriter> writer;  // every write into inputFd
+        bool inputFailed = false;                    // bus thread only
+        int64_t silentUntilNs = 0;                   // guarded by stateMutex
+        NodeStatistics stats;                        // guarded by stateMutex
     };
 
     struct Transmission {
@@ -225,6 +233,7 @@ class SimulatedCanBus : public Thread {
     void writeTap(const Frame& frame, int64_t realNs);
     bool isSilent(const Node& node, int64_t now) const;  // caller holds stateMutex
     bool deliver(Node& node, const byteVec_t& bytes);
+    static int waitWritable(int fd);
     void markEnded();
 
     static uint64_t arbitrationKey(const Frame& frame);

@@ -26,6 +26,7 @@
 #include "libqbtrace/CANTraceMessageBase.h"
 #include "libqbtrace/CANTransportTraceMessage.h"
 #include "libqbtrace/TraceMessageBuffer.h"
+#include "libqbtrace/TraceMessageWriter.h"
 #include "libqbutil/HexText.h"
 #include "libqbutil/QBException.h"
 
@@ -55,21 +56,6 @@ std::string statusName(CANTransportThread::statuschange_t status) {
     std::ostringstream text;
     text << status;
     return text.str();
-}
-
-bool writeAll(int fd, const byteVec_t& bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
 }
 
 /// Prints what the endpoint writes: frames to its CAN proxy descriptor (this process) and
@@ -224,6 +210,7 @@ class EndpointSession {
         };
         transport.setDelegate(onStatus);
         transport.open(appReadFd, appWriteFd);
+        input.reset(new TraceMessageWriter(appWriteFd));
         transport.setConnection(proxyPipe[1]);
         pump.reset(new OutputPump(proxyPipe[0], appReadFd));
         transport.start();
@@ -309,9 +296,7 @@ class EndpointSession {
 
   private:
     void submit(const MessageBase& msg) {
-        byteVec_t bytes;
-        msg.createByteArray(bytes, true, false);
-        if (!writeAll(appWriteFd, bytes)) {
+        if (!input->write(msg)) {
             emitLine(std::string("error: writing to the endpoint failed: ") + std::strerror(errno),
                      true);
         }
@@ -322,6 +307,7 @@ class EndpointSession {
     int proxyPipe[2] = {-1, -1};
     int appReadFd = -1;
     int appWriteFd = -1;
+    std::unique_ptr<TraceMessageWriter> input;  // every write into the endpoint's input
     std::unique_ptr<OutputPump> pump;
 };
 
