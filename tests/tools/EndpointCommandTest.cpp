@@ -185,7 +185,7 @@ TEST(CantpEndpoint, UnknownOptionAndUnsupportedCanAreUsageErrors) {
         EXPECT_EQ(endpoint.wait(5s), 2);
         ASSERT_FALSE(endpoint.errLines().empty());
         EXPECT_EQ(endpoint.errLines()[0],
-                  "cantp endpoint: --can supports 'stdio' only, not 'vcan0'");
+                  "cantp endpoint: --can takes 'stdio' or 'socketcan:IFACE', not 'vcan0'");
     }
     {
         Subprocess endpoint(qbtest::cantpPath(), {"endpoint", "--id"});

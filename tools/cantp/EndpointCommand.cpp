@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "ArgumentReader.h"
+#include "SocketCanArguments.h"
+#include "SocketCanLink.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/CandumpLine.h"
 #include "libqbio/LogUtil.h"
@@ -62,11 +64,15 @@ std::string statusName(CANTransportThread::statuschange_t status) {
 /// payloads on its application pipe.
 class OutputPump {
   public:
-    OutputPump(int proxyReadFd, int appReadFd)
+    /// With a `forward` writer, each frame is passed on to it after it is printed (the frames
+    /// then go to the SocketCAN proxy).
+    OutputPump(int proxyReadFd, int appReadFd, std::string iface, TraceMessageWriter* forward)
         : proxy(proxyReadFd, nullptr),
           app(appReadFd, nullptr),
           proxyFd(proxyReadFd),
-          appFd(appReadFd) {
+          appFd(appReadFd),
+          interfaceName(std::move(iface)),
+          forwardTo(forward) {
         if (::pipe(stopPipe) != 0) {
             throw QBException("pipe() failed: " + std::string(std::strerror(errno)));
         }
@@ -150,6 +156,12 @@ class OutputPump {
             }
             if (isProxy) {
                 printFrame(*msg);
+                if (forwardTo != nullptr &&
+                    !forwardTo->writeBytes(msg->getRawBytes().data(), msg->getRawBytes().size())) {
+                    emitLine(std::string("error: passing a frame to the CAN proxy failed: ") +
+                                 std::strerror(errno),
+                             true);
+                }
             } else {
                 printPayload(*msg);
             }
@@ -157,7 +169,7 @@ class OutputPump {
         return result > 0;
     }
 
-    static void printFrame(const MessageBase& msg) {
+    void printFrame(const MessageBase& msg) const {
         const auto* frame = dynamic_cast<const CANTraceMessageBase*>(&msg);
         if (frame == nullptr) {
             emitLine("error: the endpoint wrote a message that is not a CAN frame", true);
@@ -169,8 +181,8 @@ class OutputPump {
             frame->getCanType() == CT_EXTENDED || frame->getCanType() == CT_FD_EXTENDED;
         const uint8_t length = std::min<uint8_t>(frame->getNumberOfDataBytes(), 8);
         emitLine(CandumpLine::format(static_cast<int64_t>(now.tv_sec),
-                                     static_cast<uint32_t>(now.tv_usec), "can0", frame->getCanId(),
-                                     extended, frame->getData(), length));
+                                     static_cast<uint32_t>(now.tv_usec), interfaceName,
+                                     frame->getCanId(), extended, frame->getData(), length));
     }
 
     static void printPayload(const MessageBase& msg) {
@@ -192,40 +204,64 @@ class OutputPump {
     TraceMessageBuffer app;
     int proxyFd;
     int appFd;
+    const std::string interfaceName;
+    TraceMessageWriter* const forwardTo;
     int stopPipe[2] = {-1, -1};
     std::thread worker;
 };
 
-/// The endpoint with its pipes and the commands of standard input.
+/// The endpoint with its pipes and the commands of standard input. With `socketCan` set the
+/// endpoint's frames go through the pump (printed) to a SocketCanProxy on that interface, and
+/// frames come from the interface only.
 class EndpointSession {
   public:
-    EndpointSession(uint16_t id, int debugLevel) : transport(debugLevel), sendId(id) {
+    EndpointSession(uint16_t id, int debugLevel, const SocketCanLink::Settings* socketCan)
+        : sendId(id) {
         if (::pipe(proxyPipe) != 0) {
             throw QBException("pipe() failed: " + std::string(std::strerror(errno)));
         }
-        transport.setSendCANid(id);
         CANTransportThread::delstatus_t onStatus = [](CANTransportThread::statuschange_t st,
                                                       uint16_t arg) {
             emitLine("status " + statusName(st) + " " + std::to_string(arg));
         };
-        transport.setDelegate(onStatus);
-        transport.open(appReadFd, appWriteFd);
-        input.reset(new TraceMessageWriter(appWriteFd));
-        transport.setConnection(proxyPipe[1]);
-        pump.reset(new OutputPump(proxyPipe[0], appReadFd));
-        transport.start();
+        if (socketCan != nullptr) {
+            link.reset(new SocketCanLink(*socketCan, onStatus, proxyPipe[1]));
+            transport = &link->endpoint();
+            input = &link->input();
+            appReadFd = link->payloadFd();
+            forward.reset(new TraceMessageWriter(link->proxy().proxyFd()));
+            pump.reset(
+                new OutputPump(proxyPipe[0], appReadFd, socketCan->interfaceName, forward.get()));
+            link->start();
+            return;
+        }
+        ownTransport.reset(new CANTransportThread(debugLevel));
+        transport = ownTransport.get();
+        transport->setSendCANid(id);
+        transport->setDelegate(onStatus);
+        transport->open(appReadFd, appWriteFd);
+        ownInput.reset(new TraceMessageWriter(appWriteFd));
+        input = ownInput.get();
+        transport->setConnection(proxyPipe[1]);
+        pump.reset(new OutputPump(proxyPipe[0], appReadFd, "can0", nullptr));
+        transport->start();
     }
 
     ~EndpointSession() {
-        transport.stop();
+        if (link) {
+            link->proxy().stop();
+        }
+        transport->stop();
         if (pump) {
             pump->finish();
         }
+        link.reset();
         ::close(proxyPipe[0]);
         ::close(proxyPipe[1]);
     }
 
-    CANTransportThread& endpoint() { return transport; }
+    CANTransportThread& endpoint() { return *transport; }
+    SocketCanLink* socketCan() { return link.get(); }
 
     /// Handles one line of standard input.
     void handleLine(const std::string& rawLine) {
@@ -258,9 +294,9 @@ class EndpointSession {
             submit(msg);
         } else if (command == "clear") {
             if (rest.empty()) {
-                transport.clear(false);
+                transport->clear(false);
             } else if (rest == "all") {
-                transport.clear(true);
+                transport->clear(true);
             } else {
                 emitLine("error: clear takes nothing or 'all': " + rawLine, true);
             }
@@ -269,14 +305,20 @@ class EndpointSession {
                 emitLine("error: empty takes no argument: " + rawLine, true);
                 return;
             }
-            emitLine(transport.sendQueueEmpty() ? "empty true" : "empty false");
+            emitLine(transport->sendQueueEmpty() ? "empty true" : "empty false");
         } else if (command == "debug") {
             try {
-                transport.setDebugLevel(ArgumentReader::toInt("debug level", rest, -1000, 1000));
+                transport->setDebugLevel(ArgumentReader::toInt("debug level", rest, -1000, 1000));
             } catch (const UsageError& e) {
                 emitLine(std::string("error: ") + e.what() + ": " + rawLine, true);
             }
         } else {
+            if (link) {
+                emitLine("error: frames come from " + link->proxy().interfaceName() +
+                             ", not from standard input: " + rawLine,
+                         true);
+                return;
+            }
             CandumpLine frame;
             std::string reason;
             if (!CandumpLine::parse(text, frame, reason)) {
@@ -302,12 +344,16 @@ class EndpointSession {
         }
     }
 
-    CANTransportThread transport;
     uint16_t sendId;
     int proxyPipe[2] = {-1, -1};
     int appReadFd = -1;
     int appWriteFd = -1;
-    std::unique_ptr<TraceMessageWriter> input;  // every write into the endpoint's input
+    std::unique_ptr<SocketCanLink> link;               // socketcan mode
+    std::unique_ptr<TraceMessageWriter> forward;       // socketcan mode: into the proxy
+    std::unique_ptr<CANTransportThread> ownTransport;  // stdio mode
+    std::unique_ptr<TraceMessageWriter> ownInput;      // stdio mode
+    CANTransportThread* transport = nullptr;
+    TraceMessageWriter* input = nullptr;  // every write into the endpoint's input
     std::unique_ptr<OutputPump> pump;
 };
 
@@ -333,20 +379,29 @@ Wake waitForEvent(int stdinFd, int signalFd, int timeoutMs) {
 
 void EndpointCommand::printHelp(std::ostream& os) {
     os << "Usage: cantp endpoint [--id ID] [--can stdio] [--debug N]\n"
+          "       cantp endpoint --can socketcan:IFACE --peer-id ID[,ID...] [--id ID] [--debug N]\n"
           "\n"
           "Runs one CAN transport endpoint driven through standard input and output.\n"
           "\n"
           "Options:\n"
           "  -i, --id ID      CAN identifier of the frames it sends, 0 to 0xFFFF, decimal or\n"
-          "                   hexadecimal with 0x (default 0x7E0; the bus keeps its low 11 bits)\n"
+          "                   hexadecimal with 0x (default 0x7E0; the bus keeps its low 11 bits;\n"
+          "                   with socketcan 0 to 0x7FF)\n"
           "  -c, --can stdio  where the CAN frames go: stdio (default) makes this process the\n"
           "                   CAN proxy: frames are read from standard input, written to output\n"
+          "  -c, --can socketcan:IFACE\n"
+          "                   frames go to and come from the SocketCAN interface IFACE\n"
+          "  -p, --peer-id ID[,ID...]\n"
+          "                   with socketcan (required): the identifiers whose frames the\n"
+          "                   endpoint receives (above 0x7FF: extended identifiers)\n"
           "  -d, --debug N    debug level of the endpoint's log lines (default 0)\n"
-          "  -h, --help       this text\n"
+       << SocketCanArguments::bufferOptionsHelp()
+       << "  -h, --help       this text\n"
           "\n"
           "Standard input, one command a line ('#' lines and blank lines are ignored):\n"
           "  [(SEC.USEC)] IFACE ID#DATA   a CAN frame received from the bus (candump -L or\n"
-          "                               cansend form)\n"
+          "                               cansend form; with socketcan an error: frames come\n"
+          "                               from the interface)\n"
           "  send [HEX]                   hand a payload to the endpoint\n"
           "  clear | clear all            drop queued payloads (all but the one in flight, or "
           "all)\n"
@@ -354,21 +409,27 @@ void EndpointCommand::printHelp(std::ostream& os) {
           "  debug N                      set the debug level\n"
           "\n"
           "Standard output, one event a line:\n"
-          "  (SEC.USEC) can0 ID#DATA      a frame the endpoint put on the bus\n"
+          "  (SEC.USEC) IFACE ID#DATA     a frame the endpoint put on the bus (IFACE is can0\n"
+          "                               with stdio)\n"
           "  recv ID [HEX]                a payload delivered to the application\n"
           "  status NAME N                a status report\n"
           "\n"
           "At end of input it runs until its send queue is empty, then exits 0. SIGINT and\n"
           "SIGTERM stop it at once (exit 0). Exit 1 if the transport thread ends by an\n"
-          "exception, 2 for a usage error.\n"
+          "exception or the CAN interface fails, 2 for a usage error.\n"
           "\n"
-          "Example:\n"
-          "  printf 'send 112233\\ncan0 7E8#30\\n' | cantp endpoint --id 0x7E0\n";
+          "Examples:\n"
+          "  printf 'send 112233\\ncan0 7E8#30\\n' | cantp endpoint --id 0x7E0\n"
+          "  cantp endpoint --can socketcan:can0 --id 0x7E0 --peer-id 0x7E8\n";
 }
 
 int EndpointCommand::run(int argc, char** argv, int first) {
     uint16_t id = 0x7E0;
     int debugLevel = 0;
+    bool socketCan = false;
+    bool stats = false;
+    SocketCanLink::Settings settings;
+    bool bufferOption = false;
     ArgumentReader args(argc, argv, first);
     std::string value;
     while (!args.done()) {
@@ -378,15 +439,44 @@ int EndpointCommand::run(int argc, char** argv, int first) {
         } else if (args.option("--id", "-i", value)) {
             id = static_cast<uint16_t>(ArgumentReader::toUnsigned("--id", value, 0xFFFF));
         } else if (args.option("--can", "-c", value)) {
-            if (value != "stdio") {
-                throw UsageError("--can supports 'stdio' only, not '" + value + "'");
+            if (SocketCanArguments::isSocketCan(value)) {
+                settings.interfaceName = SocketCanArguments::interfaceOf("--can", value);
+                socketCan = true;
+            } else if (value == "stdio") {
+                socketCan = false;
+            } else {
+                throw UsageError("--can takes 'stdio' or 'socketcan:IFACE', not '" + value + "'");
             }
+        } else if (args.option("--peer-id", "-p", value)) {
+            SocketCanArguments::appendIdentifiers("--peer-id", value, settings.peers);
         } else if (args.option("--debug", "-d", value)) {
             debugLevel = ArgumentReader::toInt("--debug", value, -1000, 1000);
+        } else if (args.option("--sndbuf", nullptr, value)) {
+            settings.sendBufferBytes = SocketCanArguments::bufferBytes("--sndbuf", value);
+            bufferOption = true;
+        } else if (args.option("--rcvbuf", nullptr, value)) {
+            settings.receiveBufferBytes = SocketCanArguments::bufferBytes("--rcvbuf", value);
+            bufferOption = true;
+        } else if (args.flag("--stats", nullptr)) {
+            stats = true;
         } else {
             throw UsageError("unknown argument '" + args.current() + "'");
         }
     }
+    if (socketCan && settings.peers.empty()) {
+        throw UsageError("--peer-id is required with --can socketcan:IFACE");
+    }
+    if (!socketCan && (!settings.peers.empty() || bufferOption || stats)) {
+        throw UsageError("--peer-id, --sndbuf, --rcvbuf and --stats need --can socketcan:IFACE");
+    }
+    if (socketCan && id > 0x7FF) {
+        throw UsageError(
+            "--id must be from 0 to 0x7FF with socketcan (the endpoint sends "
+            "standard frames and keeps only the low 11 bits), not '" +
+            std::to_string(id) + "'");
+    }
+    settings.sendId = id;
+    settings.debug = debugLevel;
 
     int signalPipe[2];
     if (::pipe(signalPipe) != 0) {
@@ -404,7 +494,7 @@ int EndpointCommand::run(int argc, char** argv, int first) {
 
     int status = 0;
     {
-        EndpointSession session(id, debugLevel);
+        EndpointSession session(id, debugLevel, socketCan ? &settings : nullptr);
         CANTransportThread& endpoint = session.endpoint();
         std::string pending;
         bool inputOpen = true;
@@ -413,6 +503,11 @@ int EndpointCommand::run(int argc, char** argv, int first) {
         while (!stopNow) {
             if (!endpoint.isRunning()) {
                 emitLine("error: transport thread ended: " + endpoint.exitReason(), true);
+                status = 1;
+                break;
+            }
+            if (session.socketCan() != nullptr && session.socketCan()->proxy().failed()) {
+                emitLine("error: " + session.socketCan()->proxy().failure(), true);
                 status = 1;
                 break;
             }
@@ -450,6 +545,11 @@ int EndpointCommand::run(int argc, char** argv, int first) {
                     session.handleLine(line);
                 }
             }
+        }
+        if (stats && session.socketCan() != nullptr) {
+            emitLine(SocketCanArguments::statisticsLine(settings.interfaceName,
+                                                        session.socketCan()->proxy().statistics()),
+                     true);
         }
     }
     signalPipeWriteEnd = -1;

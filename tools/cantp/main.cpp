@@ -6,7 +6,10 @@
 #include "ArgumentReader.h"
 #include "DecodeCommand.h"
 #include "DemoCommand.h"
+#include "DumpCommand.h"
 #include "EndpointCommand.h"
+#include "RecvCommand.h"
+#include "SendCommand.h"
 #include "libqbutil/QBException.h"
 
 namespace {
@@ -19,6 +22,9 @@ void printUsage(std::ostream& os) {
           "             500 kbit/s CAN bus; every payload is verified byte by byte\n"
           "  endpoint   one transport endpoint driven through standard input and output\n"
           "  decode     the transport view of a candump log\n"
+          "  send       send one payload over a SocketCAN interface (like isotpsend)\n"
+          "  recv       receive payloads over a SocketCAN interface (like isotprecv)\n"
+          "  dump       the live transport view of a SocketCAN interface (like isotpdump)\n"
           "\n"
           "'cantp <command> --help' describes each command. Manual: docs/cantp.md\n";
 }
@@ -44,6 +50,15 @@ int main(int argc, char** argv) {
         }
         if (command == "decode") {
             return DecodeCommand::run(argc, argv, 2);
+        }
+        if (command == "send") {
+            return SendCommand::run(argc, argv, 2);
+        }
+        if (command == "recv") {
+            return RecvCommand::run(argc, argv, 2);
+        }
+        if (command == "dump") {
+            return DumpCommand::run(argc, argv, 2);
         }
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
