@@ -95,10 +95,21 @@ EndpointCore::EndpointCore(uint16_t txId, int debug, size_t statusQueueLimit)
     : tracker([this] { return transport->sendQueueEmpty(); }),
       appEvents(statusQueueLimit, true),
       callbackEvents(statusQueueLimit, false) {
+    setUp(txId, debug, nullptr, nullptr);
+}
+
+EndpointCore::EndpointCore(uint16_t txId, int debug, size_t statusQueueLimit,
+                           const std::string& interfaceName, const std::vector<uint32_t>& peers)
+    : tracker([this] { return transport->sendQueueEmpty(); }),
+      appEvents(statusQueueLimit, true),
+      callbackEvents(statusQueueLimit, false) {
+    setUp(txId, debug, &interfaceName, &peers);
+}
+
+void EndpointCore::setUp(uint16_t txId, int debug, const std::string* interfaceName,
+                         const std::vector<uint32_t>* peers) {
     try {
-        makePipe(proxyPipe, "CAN proxy");
         makePipe(wakePipe, "wake-up");
-        addFlags(proxyPipe[0], O_NONBLOCK);
         transport.reset(new CANTransportThread(debug));
         transport->setSendCANid(txId);
         CANTransportThread::delstatus_t onStatus = [this](CANTransportThread::statuschange_t st,
@@ -111,17 +122,37 @@ EndpointCore::EndpointCore(uint16_t txId, int debug, size_t statusQueueLimit)
         // rather than in write(), so that close() can end the wait.
         addFlags(appWriteFd, O_NONBLOCK);
         addFlags(appReadFd, O_NONBLOCK);
-        transport->setConnection(proxyPipe[1]);
         writer.reset(new TraceMessageWriter(appWriteFd));
         payloadReader.reset(new TraceMessageBuffer(appReadFd, nullptr));
-        frameReader.reset(new TraceMessageBuffer(proxyPipe[0], nullptr));
+        if (interfaceName != nullptr) {
+            CanRawSocket::Options options;
+            for (uint32_t id : *peers) {
+                CanRawSocket::Identifier peer;
+                peer.id = id;
+                peer.extended = false;
+                options.peers.push_back(peer);
+            }
+            socketCan.reset(
+                new SocketCanProxy(CanRawSocket::open(*interfaceName, options), *writer, 0));
+            transport->setConnection(socketCan->proxyFd());
+            socketCan->start();
+        } else {
+            makePipe(proxyPipe, "CAN proxy");
+            addFlags(proxyPipe[0], O_NONBLOCK);
+            frameReader.reset(new TraceMessageBuffer(proxyPipe[0], nullptr));
+            transport->setConnection(proxyPipe[1]);
+        }
         transport->start();
         tracker.start();
     } catch (...) {
         tracker.close();
+        if (socketCan) {
+            socketCan->stop();
+        }
         if (transport) {
             transport->stop();
         }
+        socketCan.reset();
         writer.reset();
         payloadReader.reset();
         frameReader.reset();
@@ -245,6 +276,9 @@ EndpointCore::Wait EndpointCore::takeFrames(std::vector<Frame>& out, int sliceMs
     CallScope scope(*this);
     if (!scope.entered) {
         return Wait::CLOSED;
+    }
+    if (!frameReader) {
+        return Wait::CLOSED;  // the SocketCAN proxy carries the frames
     }
     std::lock_guard<std::mutex> one(framesLock);
     const size_t before = out.size();
@@ -371,11 +405,15 @@ void EndpointCore::close() {
     if (endedByItself) {
         finalExitReason = transport->exitReason();
     }
+    if (socketCan) {
+        socketCan->stop();  // before the endpoint: it writes into the endpoint's input
+    }
     transport->stop();
     {
         std::unique_lock<std::mutex> guard(callsLock);
         callsDone.wait(guard, [this] { return callsInProgress == 0; });
     }
+    socketCan.reset();  // closes its pipe and the socket; it uses the writer
     writer.reset();
     payloadReader.reset();
     frameReader.reset();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "libqbcan/CANTransportThread.h"
+#include "libqbsocketcan/SocketCanProxy.h"
 #include "libqbtrace/TraceMessageBuffer.h"
 #include "libqbtrace/TraceMessageWriter.h"
 #include "python/SendTracker.h"
@@ -74,6 +75,12 @@ class EndpointCore {
     /// `debug`; each status queue keeps at most `statusQueueLimit` events (at least 1).
     /// Throws QBException (with the failed call) if a pipe cannot be created.
     EndpointCore(uint16_t txId, int debug, size_t statusQueueLimit);
+    /// The same on the SocketCAN interface `interfaceName`, through the C++ SocketCanProxy
+    /// (no Python on the frame path): only standard data frames of `peers` reach the endpoint.
+    /// takeFrames() and feedFrame() are not used then. Throws QBException if the interface
+    /// cannot be opened (logged by CanRawSocket).
+    EndpointCore(uint16_t txId, int debug, size_t statusQueueLimit,
+                 const std::string& interfaceName, const std::vector<uint32_t>& peers);
     /// close(), if that has not happened.
     ~EndpointCore();
     EndpointCore(const EndpointCore&) = delete;
@@ -136,6 +143,8 @@ class EndpointCore {
     void leave();
     struct CallScope;
 
+    void setUp(uint16_t txId, int debug, const std::string* interfaceName,
+               const std::vector<uint32_t>* peers);
     void onStatus(CANTransportThread::statuschange_t status, uint16_t arg);
     /// poll() on `fd` and the wake pipe; true if `fd` is readable (or at end of input).
     bool waitReadable(int fd, int sliceMs);
@@ -144,6 +153,7 @@ class EndpointCore {
     std::unique_ptr<TraceMessageWriter> writer;
     std::unique_ptr<TraceMessageBuffer> payloadReader;
     std::unique_ptr<TraceMessageBuffer> frameReader;
+    std::unique_ptr<SocketCanProxy> socketCan;  // null on a python-can bus
     SendTracker tracker;
     StatusQueue appEvents;
     StatusQueue callbackEvents;

@@ -108,6 +108,19 @@ class Core {
                                     static_cast<size_t>(statusQueueSize)));
     }
 
+    Core(int txId, int debug, int statusQueueSize, const std::string& interfaceName,
+         const std::vector<uint32_t>& peers) {
+        if (txId < 0 || txId > 0x7FF) {
+            throw py::value_error("tx_id must be a standard CAN identifier, 0 to 0x7FF");
+        }
+        if (statusQueueSize < 1) {
+            throw py::value_error("status_queue_size must be at least 1");
+        }
+        py::gil_scoped_release release;
+        core.reset(new EndpointCore(static_cast<uint16_t>(txId), debug,
+                                    static_cast<size_t>(statusQueueSize), interfaceName, peers));
+    }
+
     ~Core() {
         py::gil_scoped_release release;
         core.reset();
@@ -271,6 +284,9 @@ PYBIND11_MODULE(_qbcantp, m) {
     py::class_<Core>(m, "_Core", "One running endpoint (internal; see qbcantp.Endpoint).")
         .def(py::init<int, int, int>(), py::arg("tx_id"), py::arg("debug"),
              py::arg("status_queue_size"))
+        .def(py::init<int, int, int, const std::string&, const std::vector<uint32_t>&>(),
+             py::arg("tx_id"), py::arg("debug"), py::arg("status_queue_size"), py::arg("interface"),
+             py::arg("peers"))
         .def("submit", &Core::submit, py::arg("data"),
              "Hands a payload (1 to 4095 bytes) to the endpoint; returns its ticket.")
         .def("wait_sent", &Core::waitSent, py::arg("ticket"), py::arg("timeout"),

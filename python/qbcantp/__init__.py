@@ -251,7 +251,7 @@ class Endpoint:
         if bus is None or not hasattr(bus, "send") or not hasattr(bus, "recv"):
             raise TypeError("bus must be a python-can bus (can.BusABC)")
         ids = _ids(rx_ids)
-        self._init(tx_id, debug, on_status, status_queue_size)
+        self._init(tx_id, debug, on_status, status_queue_size, None, ids)
         self._bus = bus
         self.rx_ids = ids
         self._tx_thread = threading.Thread(target=self._forward_frames, name="qbcantp-bus-writer",
@@ -259,7 +259,23 @@ class Endpoint:
         self._tx_thread.start()
         _BusReader.attach(bus, self, ids, self._core)
 
-    def _init(self, tx_id, debug, on_status, status_queue_size) -> None:
+    @classmethod
+    def socketcan(cls, channel: str, tx_id: int, rx_ids: Union[int, Iterable[int]],
+                  debug: int = 0, *, on_status: Optional[Callable[[StatusEvent], object]] = None,
+                  status_queue_size: int = 1000) -> "Endpoint":
+        """An endpoint on the Linux SocketCAN interface ``channel`` (``"can0"``, ``"vcan0"``)
+        through the C++ SocketCAN proxy: no Python on the frame path, and python-can is not
+        needed. The raw socket receives only standard data frames of ``rx_ids`` (a kernel
+        filter), with the kernel's receive time stamps. The other arguments are those of
+        ``Endpoint()``. Raises ``OSError`` if the interface cannot be opened (no such
+        interface, no permission); the failed call is also logged on standard error."""
+        ids = _ids(rx_ids)
+        self = cls.__new__(cls)
+        self._init(tx_id, debug, on_status, status_queue_size, str(channel), ids)
+        self.rx_ids = ids
+        return self
+
+    def _init(self, tx_id, debug, on_status, status_queue_size, interface, ids) -> None:
         if not isinstance(tx_id, int) or not 0 <= tx_id <= 0x7FF:
             raise ValueError("tx_id must be a standard CAN identifier, 0 to 0x7FF")
         self._closed = False
@@ -276,7 +292,13 @@ class Endpoint:
         self.frames_sent = 0
         self.tx_id = tx_id
         self.rx_ids = frozenset()
-        self._core = _qbcantp._Core(tx_id, int(debug), int(status_queue_size))
+        #: The SocketCAN interface of an endpoint made by ``Endpoint.socketcan()``, else None.
+        self.interface = interface
+        if interface is None:
+            self._core = _qbcantp._Core(tx_id, int(debug), int(status_queue_size))
+        else:
+            self._core = _qbcantp._Core(tx_id, int(debug), int(status_queue_size), interface,
+                                        sorted(ids))
         self._on_status = on_status
         if on_status is not None:
             self._core.enable_callback_queue()
