@@ -186,3 +186,54 @@ def test_clear_all_drops_waiting_payloads_and_their_send_raises_cleared(peer_and
     assert isinstance(second.result(), qbcantp.Cleared)
     peer.expect_nothing(1.5)  # nothing is resent after the clear
     assert a.send_queue_empty
+
+
+def test_send_timeout_argument_raises_timeout_error_and_leaves_the_payload_queued(
+        peer_and_endpoint):
+    peer, a = peer_and_endpoint
+    t0 = time.monotonic()
+    with pytest.raises(TimeoutError):
+        a.send(b"\x07", timeout=0.2)
+    assert 0.19 <= time.monotonic() - t0 < 1.0
+    assert peer.expect() == (A_ID, "0107000000000000")
+    assert not a.send_queue_empty  # still waiting for the peer's flow control
+    peer.send(ACK)
+    assert wait_until(lambda: a.send_queue_empty)
+    assert [s for s, _ in statuses(a)] == [qbcantp.Status.CONNECTED,
+                                           qbcantp.Status.ACKNOWLEDGED]
+
+
+def test_full_status_queue_drops_the_oldest_events_and_counts_them(make_bus):
+    from conftest import Peer
+    a = qbcantp.Endpoint(make_bus(), A_ID, [B_ID], status_queue_size=2)
+    peer = Peer(make_bus())
+    try:
+        for payload in (b"\x01", b"\x02", b"\x03"):
+            s = Sender(a, payload)
+            peer.expect()
+            peer.send(ACK)
+            assert s.result() is None
+        # CONNECTED and three ACKNOWLEDGED were reported; the two newest are kept.
+        assert statuses(a, timeout=0.1) == [(qbcantp.Status.ACKNOWLEDGED, 2),
+                                            (qbcantp.Status.ACKNOWLEDGED, 3)]
+        assert a.dropped_status_events == 2
+    finally:
+        a.close()
+
+
+def test_two_endpoints_on_one_bus_object_each_get_their_peers_frames(make_bus):
+    from conftest import Peer
+    shared = make_bus()
+    a = qbcantp.Endpoint(shared, 0x700, [0x708])
+    c = qbcantp.Endpoint(shared, 0x710, [0x718])
+    peer = Peer(make_bus())
+    try:
+        peer.send("0211220000000000", can_id=0x718)
+        peer.send("0233440000000000", can_id=0x708)
+        answers = sorted([peer.expect(), peer.expect()])
+        assert answers == [(0x700, ACK), (0x710, ACK)]
+        assert a.recv(timeout=1) == (0x708, b"\x33\x44")
+        assert c.recv(timeout=1) == (0x718, b"\x11\x22")
+    finally:
+        a.close()
+        c.close()
