@@ -197,13 +197,19 @@ class _BusReader:
 
     def _run(self) -> None:
         bus = self.bus
+        failing = False
         while not self.stop:
             try:
                 msg = bus.recv(timeout=_BUS_POLL)
-            except Exception as exc:  # a bus that fails keeps failing: report and go on slowly
-                _log.error("bus.recv() failed: %s", exc)
+            except Exception as exc:
+                # A bus that fails (shut down, adapter gone) keeps failing: logged once until it
+                # works again, and retried at the polling pace instead of spinning.
+                if not failing:
+                    _log.error("bus.recv() failed: %s", exc)
+                    failing = True
                 time.sleep(_BUS_POLL)
                 continue
+            failing = False
             if msg is None or msg.is_error_frame or msg.is_remote_frame or msg.is_fd \
                     or msg.is_extended_id or msg.dlc > 8:
                 continue
