@@ -24,11 +24,15 @@
 #include <vector>
 
 #include "ArgumentReader.h"
+#include "SocketCanArguments.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/SimulatedCanBus.h"
 #include "libqbio/LogUtil.h"
+#include "libqbsocketcan/CanRawSocket.h"
+#include "libqbsocketcan/SocketCanProxy.h"
 #include "libqbtrace/CANTransportTraceMessage.h"
 #include "libqbtrace/TraceMessageBuffer.h"
+#include "libqbtrace/TraceMessageWriter.h"
 #include "libqbutil/QBException.h"
 
 namespace {
@@ -47,6 +51,8 @@ struct Options {
     bool duplex = false;
     std::string logFile;
     int debug = 0;
+    /// Empty: the simulated bus; otherwise the SocketCAN interface of --bus socketcan:IFACE.
+    std::string socketCan;
 };
 
 /// Stands in for std::cout while the endpoints run: counts their "send retry" lines and passes
@@ -191,11 +197,7 @@ class ProgressBar {
 class Conversation {
   public:
     Conversation(const Options& opt, std::ostream* tap)
-        : options(opt),
-          rng(opt.seed),
-          requester(opt.debug),
-          responder(opt.debug),
-          bus(busConfig(opt, tap)) {
+        : options(opt), rng(opt.seed), requester(opt.debug), responder(opt.debug) {
         requester.setSendCANid(0x7E0);
         responder.setSendCANid(0x7E8);
         CANTransportThread::delstatus_t onRequesterStatus = [this](Status st, uint16_t) {
@@ -208,16 +210,53 @@ class Conversation {
         responder.setDelegate(onResponderStatus);
         requester.open(requesterRead, requesterWrite);
         responder.open(responderRead, responderWrite);
-        nodeRequester = bus.addNode(requesterWrite, "0x7E0");
-        nodeResponder = bus.addNode(responderWrite, "0x7E8");
-        requester.setConnection(bus.proxyFd(nodeRequester));
-        responder.setConnection(bus.proxyFd(nodeResponder));
+        if (opt.socketCan.empty()) {
+            bus.reset(new SimulatedCanBus(busConfig(opt, tap)));
+            nodeRequester = bus->addNode(requesterWrite, "0x7E0");
+            nodeResponder = bus->addNode(responderWrite, "0x7E8");
+            requester.setConnection(bus->proxyFd(nodeRequester));
+            responder.setConnection(bus->proxyFd(nodeResponder));
+            return;
+        }
+        // Each endpoint has its own socket on the interface and its own proxy; each socket
+        // receives the other's frames (CAN_RAW_LOOPBACK, the kernel's default).
+        nodeRequester = 0;
+        nodeResponder = 1;
+        const int inputs[2] = {requesterWrite, responderWrite};
+        const uint32_t peerOf[2] = {0x7E8, 0x7E0};
+        for (int side = 0; side < 2; ++side) {
+            CanRawSocket::Options socketOptions;
+            socketOptions.peers.push_back(CanRawSocket::Identifier{peerOf[side], false});
+            writers[side].reset(new TraceMessageWriter(inputs[side]));
+            proxies[side].reset(new SocketCanProxy(CanRawSocket::open(opt.socketCan, socketOptions),
+                                                   *writers[side], opt.debug));
+        }
+        requester.setConnection(proxies[0]->proxyFd());
+        responder.setConnection(proxies[1]->proxyFd());
     }
 
     ~Conversation() {
+        for (auto& proxy : proxies) {
+            if (proxy) {
+                proxy->stop();
+            }
+        }
         requester.stop();
         responder.stop();
-        bus.stop();
+        if (bus) {
+            bus->stop();
+        }
+    }
+
+    /// Writes a serialised payload into the input of node 0 (0x7E0) or 1 (0x7E8).
+    void writeToInput(int node, const byteVec_t& bytes) {
+        if (bus) {
+            bus->writeToInput(node, bytes);
+        } else if (!writers[node]->writeBytes(bytes.data(), bytes.size())) {
+            std::lock_guard<std::mutex> lock(LogUtil::logMutex);
+            std::cerr << "cantp demo: error: writing a payload to the endpoint failed: "
+                      << std::strerror(errno) << std::endl;
+        }
     }
 
     static SimulatedCanBus::Config busConfig(const Options& opt, std::ostream* tap) {
@@ -247,7 +286,7 @@ class Conversation {
                 tally.sent += 1;
                 tally.bytesSent += request.size();
             }
-            bus.writeToInput(nodeRequester, serialise(request, 0x7E0));
+            writeToInput(nodeRequester, serialise(request, 0x7E0));
             std::unique_lock<std::mutex> lock(mutex);
             // Each side gives up on a payload after five tries of at most about a second; the
             // watchdog only guards against a conversation that could never end.
@@ -264,6 +303,9 @@ class Conversation {
             }
             exchange.active = false;
             progress.show(2 * (i + 1));
+            if (!proxyFailure().empty()) {
+                break;  // the interface is gone: every further payload would time out
+            }
         }
         waitForQueues();
         return snapshot();
@@ -295,8 +337,8 @@ class Conversation {
                     std::lock_guard<std::mutex> lock(mutex);
                     payload = streams[side].expected[i];
                 }
-                bus.writeToInput(side == 0 ? nodeRequester : nodeResponder,
-                                 serialise(payload, side == 0 ? 0x7E0 : 0x7E8));
+                writeToInput(side == 0 ? nodeRequester : nodeResponder,
+                             serialise(payload, side == 0 ? 0x7E0 : 0x7E8));
             }
         }
         // Done when both queues are empty and nothing has been delivered for a while.
@@ -313,7 +355,7 @@ class Conversation {
             if (queuesEmpty && Clock::now() - last > std::chrono::milliseconds(1500)) {
                 break;
             }
-            if (!requester.isRunning() || !responder.isRunning()) {
+            if (!requester.isRunning() || !responder.isRunning() || !proxyFailure().empty()) {
                 break;
             }
             std::unique_lock<std::mutex> lock(mutex);
@@ -326,7 +368,27 @@ class Conversation {
         return result;
     }
 
-    SimulatedCanBus::Statistics busStatistics() const { return bus.statistics(); }
+    SimulatedCanBus::Statistics busStatistics() const {
+        return bus ? bus->statistics() : SimulatedCanBus::Statistics();
+    }
+    /// The proxies' counters (socketcan only).
+    bool proxyStatistics(SocketCanProxy::Statistics out[2]) const {
+        if (bus) {
+            return false;
+        }
+        out[0] = proxies[0]->statistics();
+        out[1] = proxies[1]->statistics();
+        return true;
+    }
+    /// The first proxy that failed, if any (socketcan only).
+    std::string proxyFailure() const {
+        for (const auto& proxy : proxies) {
+            if (proxy && proxy->failed()) {
+                return proxy->failure();
+            }
+        }
+        return std::string();
+    }
     bool endpointsRunning() const { return requester.isRunning() && responder.isRunning(); }
     std::string endpointFailure() const {
         return !requester.isRunning() ? requester.exitReason() : responder.exitReason();
@@ -355,7 +417,12 @@ class Conversation {
     };
 
     void startAll() {
-        bus.start();
+        if (bus) {
+            bus->start();
+        } else {
+            proxies[0]->start();
+            proxies[1]->start();
+        }
         requester.start();
         responder.start();
         lastDelivery = Clock::now();
@@ -423,7 +490,7 @@ class Conversation {
             tally.bytesSent += response.size();
             changed.notify_all();
         }
-        bus.writeToInput(nodeResponder, serialise(response, 0x7E8));
+        writeToInput(nodeResponder, serialise(response, 0x7E8));
     }
 
     void onResponseDelivered(const byteVec_t& payload) {
@@ -474,7 +541,9 @@ class Conversation {
     std::mt19937_64 rng;
     CANTransportThread requester;
     CANTransportThread responder;
-    SimulatedCanBus bus;
+    std::unique_ptr<SimulatedCanBus> bus;            // the simulated bus, or
+    std::unique_ptr<TraceMessageWriter> writers[2];  // with SocketCAN: the endpoints'
+    std::unique_ptr<SocketCanProxy> proxies[2];      // inputs and their proxies
     int requesterRead = -1, requesterWrite = -1, responderRead = -1, responderWrite = -1;
     int nodeRequester = -1, nodeResponder = -1;
 
@@ -518,6 +587,12 @@ Options parseOptions(int argc, char** argv, int first, bool& help) {
             opt.logFile = value;
         } else if (args.option("--debug", "-d", value)) {
             opt.debug = ArgumentReader::toInt("--debug", value, -1000, 1000);
+        } else if (args.option("--bus", nullptr, value)) {
+            if (value != "sim" && !SocketCanArguments::isSocketCan(value)) {
+                throw UsageError("--bus takes 'sim' or 'socketcan:IFACE', not '" + value + "'");
+            }
+            opt.socketCan =
+                value == "sim" ? std::string() : SocketCanArguments::interfaceOf("--bus", value);
         } else {
             throw UsageError("unknown argument '" + args.current() + "'");
         }
@@ -534,6 +609,11 @@ Options parseOptions(int argc, char** argv, int first, bool& help) {
     }
     if (opt.bitrate < 1000) {
         throw UsageError("--bitrate must be at least 1000 bit/s");
+    }
+    if (!opt.socketCan.empty() && (opt.fast || opt.loss != 0.0 || !opt.logFile.empty())) {
+        throw UsageError(
+            "--fast, --loss and --log work on the simulated bus only (record a "
+            "SocketCAN interface with candump -L)");
     }
     return opt;
 }
@@ -569,13 +649,19 @@ void DemoCommand::printHelp(std::ostream& os) {
           "                       happens, and the exit status is 0 when the run completed\n"
           "  -L, --log FILE       write all bus traffic as a candump log (candump -L form)\n"
           "  -d, --debug N        show the endpoints' log lines, at debug level N\n"
+          "      --bus sim|socketcan:IFACE\n"
+          "                       sim (default): the simulated bus; socketcan:IFACE: a real\n"
+          "                       interface, each endpoint with its own socket and proxy\n"
+          "                       (--bitrate then only describes the interface for the goodput\n"
+          "                       figure; --fast, --loss and --log are refused)\n"
           "  -h, --help           this text\n"
           "\n"
           "Examples:\n"
           "  cantp demo\n"
           "  cantp demo --payloads 20 --log demo.log && cantp decode demo.log\n"
           "  cantp demo --fast --payloads 1000 --loss 0.001 --seed 7\n"
-          "  cantp demo --duplex --payloads 50\n";
+          "  cantp demo --duplex --payloads 50\n"
+          "  cantp demo --bus socketcan:vcan0 --payloads 200\n";
 }
 
 int DemoCommand::run(int argc, char** argv, int first) {
@@ -596,10 +682,11 @@ int DemoCommand::run(int argc, char** argv, int first) {
     }
 
     std::cout << "cantp demo: " << (opt.duplex ? "both directions at once" : "request/response")
-              << ", " << opt.payloads << (opt.duplex ? " payloads each way" : " requests")
-              << ", sizes " << opt.minSize << " to " << opt.maxSize << " bytes, " << opt.bitrate
-              << " bit/s" << (opt.fast ? " (fast mode, no timing)" : "") << ", loss " << opt.loss
-              << ", seed " << opt.seed << std::endl;
+              << (opt.socketCan.empty() ? "" : " on " + opt.socketCan) << ", " << opt.payloads
+              << (opt.duplex ? " payloads each way" : " requests") << ", sizes " << opt.minSize
+              << " to " << opt.maxSize << " bytes, " << opt.bitrate << " bit/s"
+              << (opt.fast ? " (fast mode, no timing)" : "") << ", loss " << opt.loss << ", seed "
+              << opt.seed << std::endl;
 
     LogLineFilter filter(std::cout.rdbuf(), opt.debug != 0);
     Tally tally;
@@ -607,6 +694,9 @@ int DemoCommand::run(int argc, char** argv, int first) {
     unsigned long retries = 0;
     bool threadsAlive = true;
     std::string failure;
+    bool onSocketCan = false;
+    SocketCanProxy::Statistics proxyStats[2];
+    std::string proxyFailure;
     double seconds = 0.0;
     {
         std::streambuf* saved = nullptr;
@@ -623,10 +713,12 @@ int DemoCommand::run(int argc, char** argv, int first) {
             seconds = std::chrono::duration<double>(Clock::now() - start).count();
             progress.finish();
             stats = conversation.busStatistics();
+            onSocketCan = conversation.proxyStatistics(proxyStats);
             threadsAlive = conversation.endpointsRunning();
             if (!threadsAlive) {
                 failure = conversation.endpointFailure();
             }
+            proxyFailure = conversation.proxyFailure();
             retries = filter.retries();
         } catch (...) {
             std::lock_guard<std::mutex> lock(LogUtil::logMutex);
@@ -651,15 +743,29 @@ int DemoCommand::run(int argc, char** argv, int first) {
         << ", delivered twice " << tally.duplicates << "\n";
     out << "bytes     sent " << grouped(tally.bytesSent) << ", verified "
         << grouped(tally.bytesVerified) << "\n";
-    out << "frames    " << grouped(stats.framesCarried) << " carried (" << stats.framesLost
-        << " lost), " << grouped(stats.bitsCarried) << " bits\n";
-    for (const auto& node : stats.nodes) {
-        out << "  node " << node.name << ": " << grouped(node.framesSent) << " frames sent, "
-            << grouped(node.framesReceived) << " received\n";
+    if (onSocketCan) {
+        out << "frames    " << grouped(proxyStats[0].framesSent + proxyStats[1].framesSent)
+            << " sent on " << opt.socketCan << "\n";
+        const char* names[2] = {"0x7E0", "0x7E8"};
+        for (int side = 0; side < 2; ++side) {
+            const SocketCanProxy::Statistics& p = proxyStats[side];
+            out << "  node " << names[side] << ": " << grouped(p.framesSent) << " frames sent, "
+                << grouped(p.framesReceived) << " received, " << p.writeRetries
+                << " write retries (" << p.enobufs << " ENOBUFS), " << p.receiveDrops
+                << " receive drops, " << p.errorFrames << " error frames, " << p.framesFilteredOut
+                << " filtered out\n";
+        }
+    } else {
+        out << "frames    " << grouped(stats.framesCarried) << " carried (" << stats.framesLost
+            << " lost), " << grouped(stats.bitsCarried) << " bits\n";
+        for (const auto& node : stats.nodes) {
+            out << "  node " << node.name << ": " << grouped(node.framesSent) << " frames sent, "
+                << grouped(node.framesReceived) << " received\n";
+        }
+        out << std::setprecision(1) << "bus load  " << stats.loadPercent << " % (busy "
+            << std::setprecision(3) << stats.busyNs / 1e9 << " s of " << stats.elapsedNs / 1e9
+            << " s)\n";
     }
-    out << std::setprecision(1) << "bus load  " << stats.loadPercent << " % (busy "
-        << std::setprecision(3) << stats.busyNs / 1e9 << " s of " << stats.elapsedNs / 1e9
-        << " s)\n";
     out << std::setprecision(0) << "goodput   " << goodput << " B/s in " << std::setprecision(2)
         << seconds << " s = " << std::setprecision(1) << (100.0 * goodput / capacity)
         << " % of the " << std::setprecision(0) << capacity
@@ -675,7 +781,10 @@ int DemoCommand::run(int argc, char** argv, int first) {
     out << "\n";
 
     bool ok;
-    if (!threadsAlive) {
+    if (!proxyFailure.empty()) {
+        out << "result    FAILED: " << proxyFailure << "\n";
+        ok = false;
+    } else if (!threadsAlive) {
         out << "result    FAILED: a transport thread ended: " << failure << "\n";
         ok = false;
     } else if (opt.duplex) {

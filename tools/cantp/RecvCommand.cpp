@@ -197,6 +197,11 @@ int RecvCommand::run(int argc, char** argv, int first) {
                 break;
             }
         }
+        if (status == 0 && count != 0 && received >= count) {
+            // The endpoint acknowledges a payload just after delivering it: let that frame
+            // leave before the proxy stops, or the sender would time out waiting for it.
+            link.waitUntilSent(received, 2000);
+        }
         link.proxy().stop();
         if (stats) {
             std::lock_guard<std::mutex> lock(LogUtil::logMutex);
