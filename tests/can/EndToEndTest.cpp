@@ -123,10 +123,11 @@ void checkOneWayStream(Side from, uint32_t seed) {
 
     const double transferStart = wiring.now();
     wiring.releaseFrames();
-    const bool allAcknowledged = wiring.waitForStatus(from, CANTransportThread::CTT_ACKNOWLEDGED,
-                                                      payloads.size(), std::chrono::seconds(90));
+    const bool allAcknowledged =
+        wiring.waitForStatus(from, CANTransportThread::CTT_ACKNOWLEDGED, payloads.size(),
+                             qbtest::scaled(std::chrono::seconds(90)));
     const bool allDelivered =
-        wiring.waitForDeliveries(to, payloads.size(), std::chrono::seconds(5));
+        wiring.waitForDeliveries(to, payloads.size(), qbtest::scaled(std::chrono::seconds(5)));
     const double transferSeconds = wiring.now() - transferStart;
 
     std::fprintf(stderr,
@@ -217,8 +218,8 @@ TEST(EndToEndEmptyPayload,
     // One write: the empty payload and the two behind it reach the endpoint together.
     ASSERT_TRUE(wiring.submitAll(A, {byteVec_t(), shortPayload, longPayload}));
 
-    ASSERT_TRUE(
-        wiring.waitForStatus(A, CANTransportThread::CTT_DISCONNECTED, 1, std::chrono::seconds(10)))
+    ASSERT_TRUE(wiring.waitForStatus(A, CANTransportThread::CTT_DISCONNECTED, 1,
+                                     qbtest::scaled(std::chrono::seconds(10))))
         << statusText(wiring.statuses(A));
     // Long enough for any protocol time-out to run out.
     std::this_thread::sleep_for(std::chrono::milliseconds(1200));
@@ -269,9 +270,9 @@ TEST(EndToEndEmptyPayload,
     // A later payload goes through as usual; the peer is heard from anew first.
     const byteVec_t later = randomBytes(rng, 20);
     ASSERT_TRUE(wiring.submit(A, later));
-    ASSERT_TRUE(wiring.waitForDeliveries(B, 1, std::chrono::seconds(5)));
-    ASSERT_TRUE(
-        wiring.waitForStatus(A, CANTransportThread::CTT_ACKNOWLEDGED, 1, std::chrono::seconds(5)));
+    ASSERT_TRUE(wiring.waitForDeliveries(B, 1, qbtest::scaled(std::chrono::seconds(5))));
+    ASSERT_TRUE(wiring.waitForStatus(A, CANTransportThread::CTT_ACKNOWLEDGED, 1,
+                                     qbtest::scaled(std::chrono::seconds(5))));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const std::vector<EndToEndWiring::Delivery> got = wiring.deliveries(B);
     ASSERT_EQ(got.size(), 1u);
@@ -324,11 +325,11 @@ TEST(EndToEndRequestResponse,
     const double begin = wiring.now();
     for (size_t i = 0; i < rounds; ++i) {
         ASSERT_TRUE(wiring.submit(A, requests[i]));
-        ASSERT_TRUE(wiring.waitForDeliveries(A, i + 1, std::chrono::seconds(10)))
+        ASSERT_TRUE(wiring.waitForDeliveries(A, i + 1, qbtest::scaled(std::chrono::seconds(10))))
             << "no response to request " << i;
     }
     ASSERT_TRUE(wiring.waitForStatus(B, CANTransportThread::CTT_ACKNOWLEDGED, rounds,
-                                     std::chrono::seconds(5)));
+                                     qbtest::scaled(std::chrono::seconds(5))));
     const double seconds = wiring.now() - begin;
     std::fprintf(stderr, "[e2e] request/response: %zu rounds in %.3f s (%.2f ms per round)\n",
                  rounds, seconds, 1000.0 * seconds / rounds);
@@ -581,9 +582,9 @@ TEST(EndToEndDuplex, SimultaneousStreamsEachPayloadDeliveredOrItsLossReportedWit
             return wiring.endpoint(A).sendQueueEmpty() && wiring.endpoint(B).sendQueueEmpty() &&
                    wiring.secondsSinceLastFrame() > 1.5;
         },
-        std::chrono::seconds(45));
+        qbtest::scaled(std::chrono::seconds(45)));
     const double seconds = wiring.now() - begin;
-    ASSERT_TRUE(settled) << "still busy after 45 s";
+    ASSERT_TRUE(settled) << "still busy after " << 45 * qbtest::timeScale << " s";
     checkDuplexOutcome("duplex_stream", wiring, capture, fromA, fromB, seconds);
 }
 
@@ -613,11 +614,11 @@ TEST(EndToEndDuplex, PayloadsStartedTogetherFromBothSidesEachDeliveredOrItsLossR
         ASSERT_TRUE(wiring.submit(A, fromA[k]));
         ASSERT_TRUE(wiring.submit(B, fromB[k]));
         ASSERT_TRUE(qbtest::waitUntil([&] { return bothQueuesStayEmpty(wiring); },
-                                      std::chrono::seconds(15)))
-            << "round " << k << " still busy after 15 s";
+                                      qbtest::scaled(std::chrono::seconds(15))))
+            << "round " << k << " still busy after " << 15 * qbtest::timeScale << " s";
     }
     ASSERT_TRUE(qbtest::waitUntil([&] { return wiring.secondsSinceLastFrame() > 1.5; },
-                                  std::chrono::seconds(10)));
+                                  qbtest::scaled(std::chrono::seconds(10))));
     const double seconds = wiring.now() - begin;
     checkDuplexOutcome("duplex_rounds", wiring, capture, fromA, fromB, seconds);
 }

@@ -16,8 +16,9 @@ using namespace qbtest;
 namespace {
 
 // Stopping is a cancellation at the wait: it should take a few milliseconds at most. 100 ms
-// leaves room for a loaded machine and for the sanitizers.
-constexpr double kStopLimitSeconds = 0.100;
+// leaves room for a loaded machine and for the sanitizers; stretched on a slow target, it stays
+// well below the 1 s protocol timer that a stop waiting for the loop would take.
+constexpr double kStopLimitSeconds = 0.100 * timeScale;
 
 }  // namespace
 

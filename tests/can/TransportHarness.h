@@ -17,6 +17,7 @@
 
 #include "common/OutputCapture.h"
 #include "common/Pipe.h"
+#include "common/Wait.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbtrace/MessageBase.h"
 #include "libqbtrace/TraceMessageBuffer.h"
@@ -32,11 +33,15 @@ using Lines = std::vector<std::string>;
 using TPCANMsg = CANTransportThread::TPCANMsg;
 using Frames = std::vector<TPCANMsg>;
 
-/// Deadline for events that should happen at once (generous: it costs time only on failure).
-constexpr milliseconds kEventWait(2000);
-/// Deadline for events that follow the 1 s protocol timer.
-constexpr milliseconds kTimerWait(3000);
-/// Bounds accepted for the 1 s protocol timer on a loaded machine, in seconds.
+/// Deadline for events that should happen at once (generous: it costs time only on failure;
+/// stretched on a slow target, see common/Wait.h).
+constexpr milliseconds kEventWait = scaled(milliseconds(2000));
+/// Deadline for events that follow the 1 s protocol timer. How long the timer took is checked
+/// separately, against kOneSecondLow and kOneSecondHigh, which are never stretched.
+constexpr milliseconds kTimerWait = scaled(milliseconds(3000));
+/// Bounds accepted for the 1 s protocol timer on a loaded machine, in seconds. Not stretched on
+/// a slow target: the timer is the endpoint's own, and the upper bound must still tell one
+/// timer period from two.
 constexpr double kOneSecondLow = 0.9;
 constexpr double kOneSecondHigh = 1.6;
 

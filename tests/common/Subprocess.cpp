@@ -23,7 +23,42 @@ namespace {
 void setNonBlocking(int fd) {
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
+
+#ifdef QB_TEST_EMULATOR
+/// The bytes of an ELF header that name the machine a program is built for: class (32/64 bit),
+/// byte order and e_machine. Empty if `path` is not an ELF file.
+std::string elfMachine(const char* path) {
+    unsigned char header[20];
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return std::string();
+    }
+    const ssize_t n = ::read(fd, header, sizeof header);
+    ::close(fd);
+    if (n != static_cast<ssize_t>(sizeof header) || header[0] != 0x7f || header[1] != 'E' ||
+        header[2] != 'L' || header[3] != 'F') {
+        return std::string();
+    }
+    return std::string{static_cast<char>(header[4]), static_cast<char>(header[5]),
+                       static_cast<char>(header[18]), static_cast<char>(header[19])};
+}
+#endif
 }  // namespace
+
+std::vector<std::string> emulatedCommand(const std::string& program) {
+#ifdef QB_TEST_EMULATOR
+    // A program built for the same machine as this test program cannot be started directly
+    // when the tests themselves run under an emulator: the build machine has no handler for
+    // it. Programs of the build machine (a shell, a script interpreter) still run directly.
+    static const std::string ownMachine = elfMachine("/proc/self/exe");
+    if (!ownMachine.empty() && elfMachine(program.c_str()) == ownMachine) {
+        return {QB_TEST_EMULATOR};
+    }
+#else
+    (void)program;
+#endif
+    return {};
+}
 
 Subprocess::Subprocess(const std::string& program, const std::vector<std::string>& args,
                        const std::string& stdoutPath)
@@ -35,7 +70,8 @@ Subprocess::Subprocess(const std::string& program, const std::vector<std::string
         ADD_FAILURE() << "pipe() failed: errno " << errno;
         return;
     }
-    std::vector<std::string> argvStrings;
+    std::vector<std::string> argvStrings = emulatedCommand(program);
+    const bool emulated = !argvStrings.empty();
     argvStrings.push_back(program);
     argvStrings.insert(argvStrings.end(), args.begin(), args.end());
     std::vector<char*> argv;
@@ -56,7 +92,11 @@ Subprocess::Subprocess(const std::string& program, const std::vector<std::string
         for (int fd : {inPipe[0], inPipe[1], outPipe[0], outPipe[1], errPipe[0], errPipe[1]}) {
             ::close(fd);
         }
-        ::execv(program.c_str(), argv.data());
+        if (emulated) {
+            ::execvp(argv[0], argv.data());  // the emulator may be named without its directory
+        } else {
+            ::execv(program.c_str(), argv.data());
+        }
         _exit(127);
     }
     ::close(inPipe[0]);

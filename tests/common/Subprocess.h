@@ -16,7 +16,8 @@ namespace qbtest {
 /// write instead of ending the test.
 class Subprocess {
   public:
-    /// Starts `program` with `args` (argv[1..]); fails the current test if it cannot. With a
+    /// Starts `program` with `args` (argv[1..]), through emulatedCommand(program) in a cross
+    /// build; fails the current test if it cannot. With a
     /// `stdoutPath`, standard output goes to that file (opened for writing) instead of a pipe.
     Subprocess(const std::string& program, const std::vector<std::string>& args,
                const std::string& stdoutPath = std::string());
@@ -67,6 +68,13 @@ class Subprocess {
     std::string errCollected;
     int exitStatus;
 };
+
+/// The command that has to come before `program` to start it: empty natively. In a cross
+/// build whose tests run under an emulator (CMAKE_CROSSCOMPILING_EMULATOR, see
+/// docs/armv7.md), the emulator's command line when `program` is built for the target, so
+/// that every test starts the project's programs the way CTest starts the test itself.
+/// Subprocess uses it for every child; it is the one place that knows about emulation.
+std::vector<std::string> emulatedCommand(const std::string& program);
 
 /// Path of the cantp binary under test (from the build).
 std::string cantpPath();
