@@ -11,6 +11,7 @@
 #include <iomanip>
 #include <memory>
 #include <sstream>
+#include <streambuf>
 
 #include "libqbtrace/CANExtTraceMessage.h"
 #include "libqbtrace/CANTraceMessageBase.h"
@@ -31,6 +32,29 @@ constexpr size_t SINGLE_FRAME_PAYLOAD = 7;
 
 /// Largest length a single frame's PCI nibble can announce.
 constexpr size_t SINGLE_FRAME_MAX_ANNOUNCED = 15;
+
+/// Passes every piece written to it on to `target` with one sputn() call. hexdump() writes each
+/// row as one piece, so each row reaches the target whole, and the state of the stream that
+/// owns the target (std::cerr) is not touched by a writer that holds no lock.
+class RowForwarder : public std::streambuf {
+  public:
+    explicit RowForwarder(std::streambuf* target) : target(target) {}
+
+  protected:
+    std::streamsize xsputn(const char* s, std::streamsize n) override {
+        return target != nullptr ? target->sputn(s, n) : n;
+    }
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof())) {
+            return traits_type::not_eof(c);
+        }
+        const char ch = traits_type::to_char_type(c);
+        return xsputn(&ch, 1) == 1 ? c : traits_type::eof();
+    }
+
+  private:
+    std::streambuf* target;
+};
 
 }  // namespace
 
@@ -59,6 +83,9 @@ CANTransportThread::CANTransportThread(int _debug)
 }
 
 CANTransportThread::~CANTransportThread() {
+    // On its own thread (from the status callback) the object cannot be destroyed safely: the
+    // thread would go on in freed memory. That is refused with an error line and an abort.
+    refuseDestructionOnOwnThread(logName());
     // The thread body uses the pipes, the reader and the queue: it must be gone before they are.
     stop();
     closePipes();
@@ -318,11 +345,14 @@ void CANTransportThread::handleData() {
             if (bytes.empty()) {
                 msg->createByteArray(bytes, true, false);
             }
-            // The dump follows the error line in a lock scope of its own, so that its rows stay
-            // whole among the lines of other threads.
-            std::lock_guard<std::mutex> log_qb_locker(LogUtil::logMutex);
+            // The dump is written after the error line has released the log mutex, so that a
+            // large message does not hold up every thread that logs. Each row goes to the
+            // buffer of std::cerr in one piece (RowForwarder), so rows stay whole; lines of
+            // other threads may fall between them.
+            RowForwarder rows(std::cerr.rdbuf());
+            std::ostream dump(&rows);
             const uint8_t* begin = bytes.data();
-            hexdump(std::cerr, begin, begin + bytes.size(), "[ERROR] CANTransportThread:", 16,
+            hexdump(dump, begin, begin + bytes.size(), "[ERROR] CANTransportThread:", 16,
                     HEXDUMP_PREFIX_NONE, true);
         }
     }
@@ -457,14 +487,10 @@ void CANTransportThread::processSendQueue() {
 }
 
 ssize_t CANTransportThread::writeMessage(int fd, const byteVec_t& bytes, bool cancellable) {
-    // One write of the whole message; it is repeated only when a signal interrupted it before
-    // anything was written, so the message is never split by the retry.
-    ssize_t result;
-    do {
-        result = cancellable ? writeCancellable(fd, bytes.data(), bytes.size())
-                             : ::write(fd, bytes.data(), bytes.size());
-    } while (result == -1 && errno == EINTR);
-    return result;
+    // The whole message or a failure: partial writes are continued, interrupted ones resumed,
+    // and a non-blocking descriptor is waited for. A stop() during a cancellable write can leave
+    // the message cut; the reader drops a cut message (the next message's frame start ends it).
+    return writeAll(fd, bytes.data(), bytes.size(), cancellable);
 }
 
 void CANTransportThread::sendCANMessage(TPCANMsg& msg) {

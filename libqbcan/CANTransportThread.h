@@ -77,12 +77,24 @@
 ///   acknowledgement and ready-to-receive paths then find an empty queue and do nothing with it
 ///   instead of reading a missing element: no CTT_ACKNOWLEDGED is reported for a payload the
 ///   application has dropped, and deleteFirstMessage() on an empty queue returns 0.
+/// - Every message is written whole (Thread::writeAll()): a partial write is continued, a write
+///   interrupted by a signal is resumed, and a non-blocking CAN proxy descriptor that is full
+///   is waited for with poll() instead of losing the frame. A write that fails is logged as
+///   before.
 /// - A payload written to an application that has stopped reading blocks the thread once the
 ///   pipe is full; stop() still ends it there (the write is a point of cancellation; frames to
-///   the CAN proxy are written under mutexBufferLock and are not).
+///   the CAN proxy are written under mutexBufferLock and are not). A payload cut by such a stop
+///   is dropped by the reader (format version 2: the next message's frame start ends it), and
+///   the next message in the pipe arrives whole.
+/// - stop() called on the transport thread itself (from the status callback) requests the end
+///   and returns; the thread ends at its next wait or payload write, and the owner's stop() or
+///   the destructor joins it. Destroying the object on its own thread cannot be made safe: the
+///   destructor writes "[ERROR] CANTransportThread::~CANTransportThread() destroyed on its own
+///   thread: the thread would go on in freed memory; aborting" and aborts the process.
+/// - The dump of an unknown message is written after its error line has released the log
+///   mutex, one row per write to std::cerr's buffer, so other threads can log meanwhile.
 /// - The transport thread blocks SIGPIPE for itself, so a closed CAN proxy or application pipe
-///   makes write() fail with EPIPE (logged) instead of ending the process. Writes are resumed
-///   after EINTR.
+///   makes write() fail with EPIPE (logged) instead of ending the process.
 class CANTransportThread : public Thread {
   public:
     /// Status reported through the callback.

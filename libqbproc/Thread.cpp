@@ -1,10 +1,12 @@
 #include "libqbproc/Thread.h"
 
 #include <cxxabi.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iostream>
@@ -120,6 +122,9 @@ __attribute__((no_sanitize("undefined"))) bool callThreadCode(Thread& thread,
     }
 }
 
+// The Thread object whose threadCode() runs on the calling thread, if any.
+thread_local const Thread* currentThread = nullptr;
+
 bool isAllOnes(const pthread_t& h) {
     pthread_t allOnes;
     std::memset(&allOnes, 0xFF, sizeof allOnes);
@@ -129,7 +134,26 @@ bool isAllOnes(const pthread_t& h) {
 }  // namespace
 
 Thread::~Thread() {
+    refuseDestructionOnOwnThread(logName());
     stop();
+}
+
+bool Thread::isOwnThread() const {
+    return currentThread == this;
+}
+
+void Thread::refuseDestructionOnOwnThread(const char* className) const {
+    if (!isOwnThread()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> log_qb_locker(LogUtil::logMutex);
+        std::cout << "[ERROR] " << className << "::~" << className
+                  << "() destroyed on its own thread: the thread would go on in freed memory; "
+                     "aborting"
+                  << std::endl;
+    }
+    std::abort();
 }
 
 void Thread::threadCode() {}
@@ -154,6 +178,12 @@ void Thread::start() {
 }
 
 void Thread::stop() {
+    if (isOwnThread()) {
+        // A thread cannot join itself: the end is requested here and takes effect at the
+        // thread's next cancellation window; the owner joins it later.
+        pthread_cancel(pthread_self());
+        return;
+    }
     if (!joinable()) {
         return;
     }
@@ -165,6 +195,11 @@ void Thread::stop() {
 }
 
 void Thread::join() {
+    if (isOwnThread()) {
+        QBException e;
+        e << "Thread::join: called on the thread itself";
+        throw e;
+    }
     if (!joinable()) {
         return;
     }
@@ -191,6 +226,38 @@ ssize_t Thread::writeCancellable(int fd, const void* data, size_t size) {
     return inCancellationWindow([&] { return ::write(fd, data, size); });
 }
 
+ssize_t Thread::writeAll(int fd, const void* data, size_t size, bool cancellable) {
+    const char* p = static_cast<const char*>(data);
+    size_t left = size;
+    while (left > 0) {
+        const ssize_t n = cancellable ? writeCancellable(fd, p, left) : ::write(fd, p, left);
+        if (n > 0) {
+            p += n;
+            left -= static_cast<size_t>(n);
+            continue;
+        }
+        if (n == 0) {
+            // write() of a positive count does not return 0 on pipes and sockets; should a
+            // device do it, waiting for it to take more is all that can be done.
+            errno = EAGAIN;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            return -1;
+        }
+        pollfd pfd = {fd, POLLOUT, 0};
+        const int r = cancellable ? inCancellationWindow([&] { return ::poll(&pfd, 1, -1); })
+                                  : ::poll(&pfd, 1, -1);
+        if (r < 0 && errno != EINTR) {
+            return -1;
+        }
+        // POLLERR or POLLHUP: the next write() reports the failure.
+    }
+    return static_cast<ssize_t>(size);
+}
+
 void Thread::invalidate(pthread_t& h) {
     std::memset(&h, 0xFF, sizeof h);
 }
@@ -208,13 +275,14 @@ void* Thread::run(void* self) {
     // thread in the middle of a log line, a write or a callback.
     int ignored = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &ignored);
+    currentThread = thread;
 
     EndGuard guard(thread->runState, ENDED);
     std::string failure;
     if (callThreadCode(*thread, failure)) {
         {
             std::lock_guard<std::mutex> log_qb_locker(LogUtil::logMutex);
-            std::cerr << "[ERROR] " << logName() << "::" << __func__
+            std::cout << "[ERROR] " << logName() << "::" << __func__
                       << "() threadCode() ended by exception: " << failure << std::endl;
         }
         thread->reason = failure;

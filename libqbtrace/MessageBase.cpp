@@ -65,6 +65,8 @@ std::ostream& MessageBase::print(std::ostream& os) const {
 }
 
 size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withChecksum) const {
+    // Every framed message carries its CRC; the body alone has none (see the header).
+    static_cast<void>(withChecksum);
     out.clear();
     if (!withHeader) {
         out.reserve(getSize());
@@ -72,39 +74,46 @@ size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withCh
         return out.size();
     }
 
-    out.reserve(HEADER_SIZE + getSize() + (withChecksum ? CHECKSUM_SIZE : 0));
-    out.resize(HEADER_SIZE);
-    appendBody(out);
-    // The length field is taken from what appendBody() really wrote, not from getSize().
-    const size_t bodySize = out.size() - HEADER_SIZE;
+    byteVec_t content;
+    content.reserve(HEADER_SIZE + getSize() + CHECKSUM_SIZE);
+    content.resize(HEADER_SIZE);
+    appendBody(content);
+    // The limit is checked on what appendBody() really wrote, not on getSize().
+    const size_t bodySize = content.size() - HEADER_SIZE;
     if (bodySize > MAX_BODY_SIZE) {
-        // A reader would refuse the header and resynchronise inside the body, where the
-        // payload could then pass for messages of its own; so such a message is never written.
-        out.clear();
+        // A reader would drop the frame as too long; it is refused here, where the writer
+        // learns of it.
         QBException e;
         e << "trace message id 0x" << std::hex << static_cast<unsigned>(msgId) << std::dec
           << ": body of " << bodySize << " bytes exceeds the maximum of " << MAX_BODY_SIZE;
         throw e;
     }
+    uint8_t* h = content.data();
+    h[0] = version;
+    putU16(h + 1, static_cast<uint16_t>(msgId));
+    putU64(h + 3, timeStamp);
+    const uint32_t crc = crc32(content.data(), content.size());
+    content.resize(content.size() + CHECKSUM_SIZE);
+    putU32(content.data() + content.size() - CHECKSUM_SIZE, crc);
 
-    uint8_t* h = out.data();
-    h[0] = 'Q';
-    h[1] = 'B';
-    h[2] = 'T';
-    h[3] = 'M';
-    h[4] = version;
-    h[5] = withChecksum ? FLAG_CHECKSUM : 0;
-    putU16(h + 6, static_cast<uint16_t>(msgId));
-    putU64(h + 8, timeStamp);
-    putU32(h + 16, static_cast<uint32_t>(bodySize));
-    putU32(h + 20, crc32(h, 20));
-
-    if (withChecksum) {
-        const uint32_t crc = crc32(out.data(), out.size());
-        out.resize(out.size() + CHECKSUM_SIZE);
-        putU32(out.data() + out.size() - CHECKSUM_SIZE, crc);
-    }
+    // Escaping adds a byte for each reserved byte; about 1 in 85 for random bytes.
+    out.reserve(content.size() + content.size() / 64 + 2);
+    appendFrame(content.data(), content.size(), out);
     return out.size();
+}
+
+void MessageBase::appendFrame(const uint8_t* content, size_t n, byteVec_t& out) {
+    out.push_back(FRAME_START);
+    for (size_t i = 0; i < n; ++i) {
+        const uint8_t b = content[i];
+        if (b == FRAME_START || b == FRAME_END || b == FRAME_ESCAPE) {
+            out.push_back(FRAME_ESCAPE);
+            out.push_back(static_cast<uint8_t>(b ^ ESCAPE_XOR));
+        } else {
+            out.push_back(b);
+        }
+    }
+    out.push_back(FRAME_END);
 }
 
 uint32_t MessageBase::crc32(const uint8_t* data, size_t len, uint32_t crc) {

@@ -13,9 +13,12 @@
 /// Time stamp of a trace message. Messages built by the transport endpoint carry 0.
 typedef uint64_t timeStamp_t;
 
-/// Base of every trace message. The serialised form (docs/wire-format.md) is a 24-byte header
-/// (magic, version, flags, identifier, time stamp, body length, header check), the body that
-/// the derived class writes (appendBody()), and an optional CRC-32 trailer.
+/// Base of every trace message. The serialised form (docs/wire-format.md, format version 2) is a
+/// frame: the byte FRAME_START, the escaped content, the byte FRAME_END. The content is an
+/// 11-byte header (version, identifier, time stamp), the body that the derived class writes
+/// (appendBody()) and a CRC-32 over header and body. FRAME_START, FRAME_END and FRAME_ESCAPE
+/// never occur inside a frame (each is written as FRAME_ESCAPE and the byte XOR ESCAPE_XOR), so
+/// no bytes of a body can ever be taken for the start or the end of a message.
 ///
 /// Fields, in order: `invalidReason`, `rawBytes`, `msgId`, `timeStamp`.
 /// - `invalidReason` is empty for a valid message; for a message that the reader returned
@@ -57,21 +60,36 @@ class MessageBase {
     const std::string& getInvalidReason() const { return invalidReason; }
 
     /// Serialises the message into `out`, replacing its contents, and returns out.size().
-    /// `withHeader` true: the complete message, as TraceMessageBuffer parses it (header, body,
-    /// and with `withChecksum` true a CRC-32 trailer over header and body). `withHeader` false:
-    /// the body alone (`withChecksum` is then ignored), for embedding in other formats.
-    /// The transport endpoint calls createByteArray(out, true, false). With `withHeader` true, a
-    /// body longer than MAX_BODY_SIZE is not written: QBException is thrown and `out` is empty.
+    /// `withHeader` true: the complete framed message, as TraceMessageBuffer parses it, always
+    /// with its CRC-32. `withHeader` false: the body alone, for embedding in other formats.
+    /// `withChecksum` selects nothing any more: every framed message carries its CRC (format
+    /// version 2), and the body alone has none; the parameter stays so that callers keep
+    /// compiling. The transport endpoint calls createByteArray(out, true, false). With
+    /// `withHeader` true, a body longer than MAX_BODY_SIZE is not written: QBException is thrown
+    /// and `out` is empty.
     size_t createByteArray(byteVec_t& out, bool withHeader, bool withChecksum) const;
 
     /// Framing of the serialised form (docs/wire-format.md).
-    static constexpr size_t HEADER_SIZE = 24;
+    static constexpr uint8_t FRAME_START = 0xC0;
+    static constexpr uint8_t FRAME_END = 0xC1;
+    static constexpr uint8_t FRAME_ESCAPE = 0xF5;
+    /// An escaped byte is written as FRAME_ESCAPE followed by the byte XOR ESCAPE_XOR.
+    static constexpr uint8_t ESCAPE_XOR = 0x20;
+    /// Content header: version (1 byte), identifier (2), time stamp (8).
+    static constexpr size_t HEADER_SIZE = 11;
+    /// The CRC-32 that ends the content.
     static constexpr size_t CHECKSUM_SIZE = 4;
-    /// Largest body a reader accepts; a header announcing more is refused before anything is
-    /// allocated for it.
+    /// Largest body written or accepted.
     static constexpr uint32_t MAX_BODY_SIZE = 1u << 20;
-    /// Header flag: a CRC-32 trailer follows the body.
-    static constexpr uint8_t FLAG_CHECKSUM = 0x01;
+    /// Largest content (header, body, CRC) a reader collects; a longer frame is dropped as it
+    /// arrives, without being buffered whole.
+    static constexpr size_t MAX_CONTENT_SIZE = HEADER_SIZE + MAX_BODY_SIZE + CHECKSUM_SIZE;
+
+    /// Appends the frame of `content` (FRAME_START, the escaped content, FRAME_END) to `out`.
+    /// Used by createByteArray() and by readers to restore the exact bytes of a frame.
+    static void appendFrame(const uint8_t* content, size_t n, byteVec_t& out);
+    /// Version of the serialised format.
+    static uint8_t formatVersion() { return version; }
 
     /// CRC-32 (IEEE 802.3, reflected, as zlib computes it) of `len` bytes; `crc` continues a
     /// previous result (0 to start).
@@ -87,7 +105,7 @@ class MessageBase {
     MessageBase& operator=(const MessageBase&) = default;
 
     /// Version of the serialised format written in every header.
-    static const uint8_t version = 1;
+    static const uint8_t version = 2;
 
   private:
     std::string invalidReason;

@@ -19,30 +19,13 @@
 
 namespace {
 
-const uint8_t MAGIC[4] = {'Q', 'B', 'T', 'M'};
-
-// The format version lives in MessageBase as a protected constant; the reader compares
-// against the same value through this derived-class accessor (never instantiated).
-struct FormatVersion : MessageBase {
-    static uint8_t value() { return version; }
-};
-
-// Consumed bytes are erased from the front of the buffer once there are at least this many
-// of them and they are no fewer than the unparsed ones; so the buffer never holds more than
-// max(2 * unparsed, unparsed + COMPACT_MIN) bytes.
-constexpr size_t COMPACT_MIN = 4096;
-// A buffer whose capacity is far beyond its use gives memory back (after a very long message).
-constexpr size_t SHRINK_MIN_CAPACITY = 4 * TraceMessageBuffer::READ_CHUNK_LIMIT;
 // Bytes taken from the descriptor per read() system call.
 constexpr size_t READ_CHUNK = 8192;
 
-// Offsets within the 24-byte header (docs/wire-format.md).
-constexpr size_t OFF_VERSION = 4;
-constexpr size_t OFF_FLAGS = 5;
-constexpr size_t OFF_ID = 6;
-constexpr size_t OFF_TIMESTAMP = 8;
-constexpr size_t OFF_LENGTH = 16;
-constexpr size_t OFF_CHECK = 20;
+// Offsets within the content header (docs/wire-format.md).
+constexpr size_t OFF_VERSION = 0;
+constexpr size_t OFF_ID = 1;
+constexpr size_t OFF_TIMESTAMP = 3;
 
 // Body of the CAN frame messages: 9 fixed bytes, then the data bytes.
 constexpr size_t CAN_FIXED_BODY = 9;
@@ -82,112 +65,6 @@ class OptionalLock {
   private:
     std::mutex* m;
 };
-
-enum HeaderResult {
-    HDR_INCOMPLETE,  // a valid prefix of a header; more bytes are needed
-    HDR_VALID,
-    HDR_BAD_MAGIC,
-    HDR_BAD_VERSION,
-    HDR_BAD_FLAGS,
-    HDR_TOO_LONG,
-    HDR_BAD_CHECK,
-};
-
-struct Header {
-    uint8_t version = 0;
-    uint8_t flags = 0;
-    msgid_t id = MSGID_INVALID;
-    timeStamp_t timeStamp = 0;
-    uint32_t bodyLength = 0;
-};
-
-// Checks the `avail` bytes at p as the start of a message header. Every field that is already
-// there is checked, so bad input is recognised as early as possible; the header check itself
-// needs the whole header. Allocates nothing.
-HeaderResult checkHeader(const uint8_t* p, size_t avail, Header& h) {
-    const size_t magicBytes = std::min(avail, sizeof MAGIC);
-    if (std::memcmp(p, MAGIC, magicBytes) != 0) {
-        return HDR_BAD_MAGIC;
-    }
-    if (avail > OFF_VERSION) {
-        h.version = p[OFF_VERSION];
-        if (h.version != FormatVersion::value()) {
-            return HDR_BAD_VERSION;
-        }
-    }
-    if (avail > OFF_FLAGS) {
-        h.flags = p[OFF_FLAGS];
-        if ((h.flags & ~MessageBase::FLAG_CHECKSUM) != 0) {
-            return HDR_BAD_FLAGS;
-        }
-    }
-    if (avail >= OFF_LENGTH + 4) {
-        h.bodyLength = getU32(p + OFF_LENGTH);
-        if (h.bodyLength > MessageBase::MAX_BODY_SIZE) {
-            return HDR_TOO_LONG;
-        }
-    }
-    if (avail < MessageBase::HEADER_SIZE) {
-        return HDR_INCOMPLETE;
-    }
-    if (MessageBase::crc32(p, OFF_CHECK) != getU32(p + OFF_CHECK)) {
-        return HDR_BAD_CHECK;
-    }
-    h.id = static_cast<msgid_t>(getU16(p + OFF_ID));
-    h.timeStamp = getU64(p + OFF_TIMESTAMP);
-    return HDR_VALID;
-}
-
-// Length of the whole message that a valid header announces.
-size_t messageLength(const Header& h) {
-    return MessageBase::HEADER_SIZE + h.bodyLength +
-           ((h.flags & MessageBase::FLAG_CHECKSUM) != 0 ? MessageBase::CHECKSUM_SIZE : 0);
-}
-
-std::string headerProblem(HeaderResult r, const Header& h) {
-    std::ostringstream text;
-    switch (r) {
-        case HDR_BAD_MAGIC:
-            text << "no message header";
-            break;
-        case HDR_BAD_VERSION:
-            text << "unsupported format version " << static_cast<unsigned>(h.version);
-            break;
-        case HDR_BAD_FLAGS:
-            text << "unknown header flags 0x" << std::hex << static_cast<unsigned>(h.flags);
-            break;
-        case HDR_TOO_LONG:
-            text << "body length " << h.bodyLength << " exceeds the maximum of "
-                 << MessageBase::MAX_BODY_SIZE;
-            break;
-        case HDR_BAD_CHECK:
-            text << "header check mismatch";
-            break;
-        case HDR_INCOMPLETE:
-        case HDR_VALID:
-            break;
-    }
-    return text.str();
-}
-
-// Distance from p[0] to the next place where a message could start: the next "QBTM", or a
-// prefix of it that the end of the buffered bytes cuts off. At least 1, at most avail.
-size_t resyncDistance(const uint8_t* p, size_t avail) {
-    size_t pos = 1;
-    while (pos < avail) {
-        const void* q = std::memchr(p + pos, MAGIC[0], avail - pos);
-        if (q == nullptr) {
-            return avail;
-        }
-        pos = static_cast<size_t>(static_cast<const uint8_t*>(q) - p);
-        const size_t n = std::min(avail - pos, sizeof MAGIC);
-        if (std::memcmp(p + pos, MAGIC, n) == 0) {
-            return pos;
-        }
-        ++pos;
-    }
-    return avail;
-}
 
 bool knownCanType(uint8_t type) {
     return type <= CT_FD_EXTENDED;
@@ -289,54 +166,49 @@ std::string idText(msgid_t id) {
     return text.str();
 }
 
-// Erases the consumed front of the buffer when that pays (see COMPACT_MIN).
-void compact(byteVec_t& buffer, size_t& start) {
-    if (start == 0) {
-        return;
-    }
-    if (start >= buffer.size()) {
-        buffer.clear();
-        start = 0;
-    } else if (start >= COMPACT_MIN && start >= buffer.size() - start) {
-        buffer.erase(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(start));
-        start = 0;
-    }
-    if (buffer.capacity() > SHRINK_MIN_CAPACITY && buffer.size() < buffer.capacity() / 4) {
-        buffer.shrink_to_fit();
-    }
+bool isReserved(uint8_t b) {
+    return b == MessageBase::FRAME_START || b == MessageBase::FRAME_END ||
+           b == MessageBase::FRAME_ESCAPE;
 }
 
-// True if getNextMessage() would return a message or throw (drop bytes) without more input.
-bool frontIsParseable(const byteVec_t& buffer, size_t start) {
-    const size_t avail = buffer.size() - start;
-    if (avail == 0) {
-        return false;
+// Position of the first reserved byte in [p, end), or end.
+const uint8_t* findReserved(const uint8_t* p, const uint8_t* end) {
+    while (p != end && !isReserved(*p)) {
+        ++p;
     }
-    Header h;
-    const HeaderResult r = checkHeader(buffer.data() + start, avail, h);
-    if (r == HDR_INCOMPLETE) {
-        return false;
+    return p;
+}
+
+// Position of the first FRAME_START or FRAME_END in [p, end), or end.
+const uint8_t* findStartOrEnd(const uint8_t* p, const uint8_t* end) {
+    while (p != end && *p != MessageBase::FRAME_START && *p != MessageBase::FRAME_END) {
+        ++p;
     }
-    if (r != HDR_VALID) {
-        return true;
-    }
-    return avail >= messageLength(h);
+    return p;
 }
 
 }  // namespace
 
 TraceMessageBuffer::TraceMessageBuffer(int fd, std::mutex* mutex)
-    : fd(fd), mutex(mutex), start(0), endOfInput(false) {}
+    : fd(fd),
+      mutex(mutex),
+      state(DS_HUNT),
+      frameBytes(0),
+      queuedBytes(0),
+      droppedBytes(0),
+      droppedPieces(0),
+      lastDropInHunt(false),
+      endOfInput(false) {}
 
 TraceMessageBuffer::~TraceMessageBuffer() = default;
 
 int TraceMessageBuffer::read() {
     {
-        // While a whole chunk of unparsed input is buffered and the front can be parsed, the
-        // bytes stay in the descriptor: a writer faster than its reader then waits there (the
-        // pipe's own limit) instead of growing this buffer without bound.
+        // While a whole chunk of messages waits to be taken, the bytes stay in the descriptor:
+        // a writer faster than its reader then waits there (the pipe's own limit) instead of
+        // growing this buffer without bound.
         OptionalLock lock(mutex);
-        if (buffer.size() - start >= READ_CHUNK_LIMIT && frontIsParseable(buffer, start)) {
+        if (queuedBytes >= READ_CHUNK_LIMIT) {
             return 0;
         }
     }
@@ -348,7 +220,7 @@ int TraceMessageBuffer::read() {
     const bool nonBlocking = (flags & O_NONBLOCK) != 0;
 
     // The system call runs without the lock, so that a parsing thread is not held up by it;
-    // each chunk is appended under the lock.
+    // each chunk is decoded under the lock.
     uint8_t chunk[READ_CHUNK];
     size_t total = 0;
     for (;;) {
@@ -357,8 +229,7 @@ int TraceMessageBuffer::read() {
         if (n > 0) {
             {
                 OptionalLock lock(mutex);
-                compact(buffer, start);
-                buffer.insert(buffer.end(), chunk, chunk + n);
+                decode(chunk, static_cast<size_t>(n));
             }
             total += static_cast<size_t>(n);
             if (!nonBlocking || total >= READ_CHUNK_LIMIT) {
@@ -369,7 +240,10 @@ int TraceMessageBuffer::read() {
         if (n == 0) {
             {
                 OptionalLock lock(mutex);
-                endOfInput = true;
+                if (!endOfInput) {
+                    endOfInput = true;
+                    endOfInputReached();
+                }
             }
             // Bytes read before the end in this call are reported now; the end itself is
             // reported by the next call, which finds nothing more.
@@ -394,61 +268,228 @@ void TraceMessageBuffer::feed(const uint8_t* data, size_t len) {
         return;
     }
     OptionalLock lock(mutex);
-    compact(buffer, start);
-    buffer.insert(buffer.end(), data, data + len);
+    decode(data, len);
+}
+
+void TraceMessageBuffer::decode(const uint8_t* data, size_t len) {
+    const uint8_t* p = data;
+    const uint8_t* const end = data + len;
+    while (p != end) {
+        switch (state) {
+            case DS_HUNT: {
+                const void* q =
+                    std::memchr(p, MessageBase::FRAME_START, static_cast<size_t>(end - p));
+                const uint8_t* startByte = q != nullptr ? static_cast<const uint8_t*>(q) : end;
+                if (startByte != p) {
+                    drop(static_cast<size_t>(startByte - p), "no message start", !lastDropInHunt);
+                    lastDropInHunt = true;
+                }
+                p = startByte;
+                if (p != end) {
+                    ++p;
+                    startFrame();
+                }
+                break;
+            }
+            case DS_FRAME: {
+                const uint8_t* q = findReserved(p, end);
+                const size_t n = static_cast<size_t>(q - p);
+                if (frame.size() + n > MessageBase::MAX_CONTENT_SIZE) {
+                    // Too long: what has come so far is dropped, the rest is skipped.
+                    frameBytes += n;
+                    p = q;
+                    dropFrame("message longer than the maximum");
+                    break;
+                }
+                frame.insert(frame.end(), p, q);
+                frameBytes += n;
+                p = q;
+                if (p == end) {
+                    break;
+                }
+                const uint8_t b = *p++;
+                if (b == MessageBase::FRAME_START) {
+                    dropFrame("message cut short by the start of another");
+                    startFrame();
+                } else if (b == MessageBase::FRAME_END) {
+                    ++frameBytes;
+                    finishFrame();
+                } else {
+                    ++frameBytes;
+                    state = DS_ESCAPE;
+                }
+                break;
+            }
+            case DS_ESCAPE: {
+                const uint8_t b = *p++;
+                const uint8_t original = static_cast<uint8_t>(b ^ MessageBase::ESCAPE_XOR);
+                if (isReserved(original)) {
+                    ++frameBytes;
+                    if (frame.size() + 1 > MessageBase::MAX_CONTENT_SIZE) {
+                        dropFrame("message longer than the maximum");
+                        break;
+                    }
+                    frame.push_back(original);
+                    state = DS_FRAME;
+                } else if (b == MessageBase::FRAME_START) {
+                    dropFrame("message cut short by the start of another");
+                    startFrame();
+                } else if (b == MessageBase::FRAME_END) {
+                    ++frameBytes;
+                    dropFrame("bad escape sequence");
+                    state = DS_HUNT;
+                } else {
+                    ++frameBytes;
+                    dropFrame("bad escape sequence");
+                }
+                break;
+            }
+            case DS_SKIP: {
+                const uint8_t* q = findStartOrEnd(p, end);
+                if (q != p) {
+                    drop(static_cast<size_t>(q - p), "rest of a dropped message", false);
+                }
+                p = q;
+                if (p == end) {
+                    break;
+                }
+                if (*p == MessageBase::FRAME_START) {
+                    ++p;
+                    startFrame();
+                } else {
+                    ++p;
+                    drop(1, "rest of a dropped message", false);
+                    state = DS_HUNT;
+                    lastDropInHunt = false;
+                }
+                break;
+            }
+        }
+    }
+}
+
+void TraceMessageBuffer::startFrame() {
+    frame.clear();
+    frameBytes = 1;
+    state = DS_FRAME;
+    lastDropInHunt = false;
+}
+
+void TraceMessageBuffer::finishFrame() {
+    state = DS_HUNT;
+    lastDropInHunt = false;
+    const size_t n = frame.size();
+    std::ostringstream reason;
+    if (n < MessageBase::HEADER_SIZE + MessageBase::CHECKSUM_SIZE) {
+        reason << "message of " << n << " bytes is shorter than the "
+               << MessageBase::HEADER_SIZE + MessageBase::CHECKSUM_SIZE << " of header and CRC";
+    } else if (MessageBase::crc32(frame.data(), n - MessageBase::CHECKSUM_SIZE) !=
+               getU32(frame.data() + n - MessageBase::CHECKSUM_SIZE)) {
+        reason << "checksum mismatch";
+    } else if (frame[OFF_VERSION] != MessageBase::formatVersion()) {
+        reason << "unsupported format version " << static_cast<unsigned>(frame[OFF_VERSION]);
+    }
+    if (!reason.str().empty()) {
+        drop(frameBytes, reason.str(), true);
+        byteVec_t().swap(frame);
+        frameBytes = 0;
+        return;
+    }
+    flushDropped();
+    Item item;
+    item.content.swap(frame);
+    item.frameBytes = frameBytes;
+    queuedBytes += frameBytes;
+    queue.push_back(std::move(item));
+    frameBytes = 0;
+}
+
+void TraceMessageBuffer::dropFrame(const char* reason) {
+    drop(frameBytes, reason, true);
+    frameBytes = 0;
+    byteVec_t().swap(frame);
+    state = DS_SKIP;
+}
+
+void TraceMessageBuffer::drop(size_t count, const std::string& reason, bool newPiece) {
+    if (count == 0) {
+        return;
+    }
+    if (droppedBytes == 0) {
+        firstDropReason = reason;
+        droppedPieces = 1;
+    } else if (newPiece) {
+        ++droppedPieces;
+    }
+    droppedBytes += count;
+    if (droppedBytes >= DROP_REPORT_LIMIT) {
+        flushDropped();
+    }
+}
+
+void TraceMessageBuffer::flushDropped() {
+    if (droppedBytes == 0) {
+        return;
+    }
+    std::ostringstream text;
+    text << "trace message stream: dropped " << droppedBytes << " bytes: " << firstDropReason;
+    if (droppedPieces > 1) {
+        text << " (and " << droppedPieces - 1 << " more damaged pieces)";
+    }
+    Item item;
+    item.frameBytes = 0;
+    item.report = text.str();
+    queue.push_back(std::move(item));
+    droppedBytes = 0;
+    droppedPieces = 0;
+    firstDropReason.clear();
+}
+
+void TraceMessageBuffer::endOfInputReached() {
+    if (state == DS_FRAME || state == DS_ESCAPE) {
+        dropFrame("message cut short by the end of input");
+    }
+    state = DS_HUNT;
+    lastDropInHunt = false;
+    flushDropped();
 }
 
 MessageBase* TraceMessageBuffer::getNextMessage() {
     OptionalLock lock(mutex);
-    const size_t avail = buffer.size() - start;
-    if (avail == 0) {
+    if (queue.empty()) {
         return nullptr;
     }
-    const uint8_t* p = buffer.data() + start;
-
-    Header h;
-    const HeaderResult r = checkHeader(p, avail, h);
-    if (r == HDR_INCOMPLETE) {
-        return nullptr;
-    }
-    if (r != HDR_VALID) {
-        const size_t dropped = resyncDistance(p, avail);
-        start += dropped;
-        throwDropped(dropped, headerProblem(r, h));
+    Item item = std::move(queue.front());
+    queue.pop_front();
+    queuedBytes -= item.frameBytes;
+    if (item.content.empty()) {
+        QBException e;
+        e << item.report;
+        throw e;
     }
 
-    // The length has been checked against MAX_BODY_SIZE, and nothing is allocated before the
-    // whole message is buffered.
-    const size_t total = messageLength(h);
-    if (avail < total) {
-        return nullptr;
-    }
-    const size_t bodyEnd = MessageBase::HEADER_SIZE + h.bodyLength;
-    if ((h.flags & MessageBase::FLAG_CHECKSUM) != 0 &&
-        MessageBase::crc32(p, bodyEnd) != getU32(p + bodyEnd)) {
-        start += total;
-        throwDropped(total, "checksum mismatch in " + idText(h.id));
-    }
+    const uint8_t* p = item.content.data();
+    const size_t bodyLength =
+        item.content.size() - MessageBase::HEADER_SIZE - MessageBase::CHECKSUM_SIZE;
+    const msgid_t id = static_cast<msgid_t>(getU16(p + OFF_ID));
+    const timeStamp_t ts = getU64(p + OFF_TIMESTAMP);
+    const uint8_t* body = p + MessageBase::HEADER_SIZE;
 
     std::string reason;
-    std::unique_ptr<MessageBase> msg =
-        parseBody(h.id, h.timeStamp, p + MessageBase::HEADER_SIZE, h.bodyLength, reason);
+    std::unique_ptr<MessageBase> msg = parseBody(id, ts, body, bodyLength, reason);
     if (!msg) {
         if (MessageBase::invalidHandling != MessageBase::IMH_RETURN_INVALID_MESSAGE) {
-            start += total;
-            throwDropped(total, "invalid " + idText(h.id) + ": " + reason);
+            throwDropped(item.frameBytes, "invalid " + idText(id) + ": " + reason);
         }
-        msg.reset(new RawTraceMessage(
-            h.id, h.timeStamp,
-            byteVec_t(p + MessageBase::HEADER_SIZE, p + MessageBase::HEADER_SIZE + h.bodyLength)));
+        msg.reset(new RawTraceMessage(id, ts, byteVec_t(body, body + bodyLength)));
         msg->setInvalidReason(reason);
     }
-    msg->setRawBytes(byteVec_t(p, p + total));
-    start += total;
-    if (start == buffer.size()) {
-        buffer.clear();
-        start = 0;
-    }
+    // The encoding is canonical (exactly the reserved bytes are escaped), so encoding the
+    // content again restores the very bytes the message was read from.
+    byteVec_t raw;
+    raw.reserve(item.frameBytes);
+    MessageBase::appendFrame(item.content.data(), item.content.size(), raw);
+    msg->setRawBytes(std::move(raw));
     return msg.release();
 }
 
@@ -459,10 +500,10 @@ bool TraceMessageBuffer::atEndOfInput() const {
 
 bool TraceMessageBuffer::hasUnparsedInput() const {
     OptionalLock lock(mutex);
-    return frontIsParseable(buffer, start);
+    return !queue.empty();
 }
 
 size_t TraceMessageBuffer::bufferedBytes() const {
     OptionalLock lock(mutex);
-    return buffer.size() - start;
+    return queuedBytes + frameBytes;
 }

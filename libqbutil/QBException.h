@@ -17,6 +17,10 @@
 ///
 /// Copying (which a throw of a local object does) carries the text written so far and `code`;
 /// the copy's `whatText` starts empty again (it is only a cache of what()'s result).
+///
+/// Thread rules: what() may be called from several threads at once (it takes a process-wide
+/// lock of its own). Insertions are not synchronised: build the text before the exception is
+/// shared.
 class QBException : public std::exception, public std::stringstream {
   public:
     QBException();
@@ -26,8 +30,10 @@ class QBException : public std::exception, public std::stringstream {
     QBException& operator=(const QBException&) = delete;
     ~QBException() override;
 
-    /// The text inserted so far, or "QBException" if none was inserted. The pointer stays valid
-    /// until the next insertion into or the destruction of this exception.
+    /// The text inserted so far, or "QBException" if none was inserted. Every pointer it
+    /// returns stays valid, and keeps its text, for the lifetime of this exception: `whatText`
+    /// keeps the text of the first call; should text be inserted after that, the later texts
+    /// are kept in a process-wide table until the exception is destroyed.
     const char* what() const noexcept override;
 
     /// The text inserted so far (empty for a default-constructed exception).
@@ -37,7 +43,8 @@ class QBException : public std::exception, public std::stringstream {
     uint32_t getCode() const { return code; }
     void setCode(uint32_t value) { code = value; }
 
-    /// Reads the string field (for tests of the copy rule; what() fills it on demand).
+    /// Reads the string field (for tests of the copy rule; the first what() fills it). Not to be
+    /// called while another thread calls what().
     const std::string& cachedWhat() const { return whatText; }
 
   private:

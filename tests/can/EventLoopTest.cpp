@@ -143,12 +143,11 @@ const std::vector<Logged> kTwoPayloadTranscript = {
     {2, "[DEBUG] CANTransportThread::setSelectTimeout() select timeout set to 0.000000"},
 };
 
-// A serialised trace message with identifier 2 and body aa bb cc, written out byte by byte:
-// magic "QBTM", version 1, flags 0, identifier 02 00, time stamp 0, body length 3, header
-// CRC-32 0x0bfd866b.
-const Bytes kUnknownIdMessage{0x51, 0x42, 0x54, 0x4d, 0x01, 0x00, 0x02, 0x00, 0x00,
-                              0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x03, 0x00,
-                              0x00, 0x00, 0x6b, 0x86, 0xfd, 0x0b, 0xaa, 0xbb, 0xcc};
+// A serialised trace message with identifier 2 and body aa bb cc, written out byte by byte
+// (format version 2): frame start c0, version 02, identifier 02 00, time stamp 0, the body,
+// CRC-32 0x1185297f, frame end c1.
+const Bytes kUnknownIdMessage{0xc0, 0x02, 0x02, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+                              0x00, 0x00, 0xaa, 0xbb, 0xcc, 0x7f, 0x29, 0x85, 0x11, 0xc1};
 
 const char* const kUnknownIdLine =
     "[ERROR] CANTransportThread::handleData() unknown trace-message id found.";
@@ -411,8 +410,9 @@ TEST(EventLoop, CanMessageWithTwelveDataBytesEndsTheThreadWithBufferMismatch) {
     h.sendFrame({0x02, 0x41, 0x42, 0, 0, 0, 0, 0, 0, 0, 0, 0});
     EXPECT_TRUE(waitUntil([&] { return !h.transport.isRunning(); }, kEventWait));
     EXPECT_EQ(h.transport.exitReason(), "CANTraceMessageBase too long");
-    EXPECT_TRUE(h.waitForErrLine(
+    EXPECT_TRUE(h.waitForLine(
         "[ERROR] Thread::run() threadCode() ended by exception: CANTraceMessageBase too long"));
+    EXPECT_EQ(h.errLines(), Lines{});
     EXPECT_TRUE(h.expectNoFrame(milliseconds(20)));
     EXPECT_TRUE(h.expectNoPayload(milliseconds(20)));
 }
@@ -456,11 +456,10 @@ TEST(EventLoop, MessageWithUnknownIdentifierIsDumpedAndDropped) {
     h.transport.stop();
     EXPECT_EQ(h.errLines(),
               (Lines{
-                  "[ERROR] CANTransportThread: 51 42 54 4d 01 00 02 00 00 00 00 00 00 00 00 00  "
-                  "|QBTM............|",
-                  // 11 bytes: the text column is padded by five missing byte columns.
-                  "[ERROR] CANTransportThread: 03 00 00 00 6b 86 fd 0b aa bb cc" +
-                      std::string(15 + 2, ' ') + "|....k......|",
+                  "[ERROR] CANTransportThread: c0 02 02 00 00 00 00 00 00 00 00 00 aa bb cc 7f  "
+                  "|................|",
+                  // 4 bytes: the text column is padded by twelve missing byte columns.
+                  "[ERROR] CANTransportThread: 29 85 11 c1" + std::string(36 + 2, ' ') + "|)...|",
               }));
     EXPECT_EQ(h.outLines(), (Lines{
                                 "[INFO] CANTransportThread::threadCode() Start CANTransportThread",
@@ -657,7 +656,7 @@ TEST(EventLoop, GarbageBeforeAPayloadIsReportedAndThePayloadIsSentInTheSamePass)
     h.writeInput(concat({{0x01, 0x02, 0x03, 0x04, 0x05}, payloadMessage({0x22, 0xF1})}));
     EXPECT_TRUE(
         h.waitForLine("[ERROR] CANTransportThread::getNextTraceMessage() Got exception: "
-                      "QBException: trace message stream: dropped 5 bytes: no message header"));
+                      "QBException: trace message stream: dropped 5 bytes: no message start"));
     // No further input follows: the payload must go out from this one write.
     EXPECT_TRUE(h.expectFrame({0x02, 0x22, 0xF1, 0, 0, 0, 0, 0}));
     h.transport.stop();
@@ -670,7 +669,7 @@ TEST(EventLoop, MessageWithInvalidBodyIsReportedAsException) {
     h.writeInput(rawMessage(MSGID_CAN_EXT, {0x01, 0x02, 0x03}));
     EXPECT_TRUE(h.waitForLine(
         "[ERROR] CANTransportThread::getNextTraceMessage() Got exception: QBException: trace "
-        "message stream: dropped 27 bytes: invalid message id 0xb: CAN frame body of 3 bytes is "
+        "message stream: dropped 20 bytes: invalid message id 0xb: CAN frame body of 3 bytes is "
         "shorter than 9"));
     h.sendFrame({0x01, 0x42, 0, 0, 0, 0, 0, 0});
     EXPECT_TRUE(h.expectPayload({0x42}, 0x7E8));

@@ -101,8 +101,8 @@ TEST(Lifecycle, AcknowledgementWithoutCallbackEndsTheThread) {
     ASSERT_TRUE(waitUntil([&] { return !h.transport.isRunning(); }, kEventWait));
     const std::string reason = h.transport.exitReason();
     EXPECT_NE(reason.find("bad_function_call"), std::string::npos) << reason;
-    EXPECT_TRUE(
-        h.waitForErrLine("[ERROR] Thread::run() threadCode() ended by exception: " + reason));
+    EXPECT_TRUE(h.waitForLine("[ERROR] Thread::run() threadCode() ended by exception: " + reason));
+    EXPECT_EQ(h.errLines(), Lines{});
     h.transport.stop();  // joins the ended thread
     EXPECT_FALSE(h.transport.isRunning());
 }
@@ -113,8 +113,9 @@ TEST(Lifecycle, CanMessageWithTenDataBytesEndsTheThreadWithBufferMismatch) {
     h.sendFrame({0x02, 0x41, 0x42, 0, 0, 0, 0, 0, 0, 0});
     ASSERT_TRUE(waitUntil([&] { return !h.transport.isRunning(); }, kEventWait));
     EXPECT_EQ(h.transport.exitReason(), "CANTraceMessageBase too long");
-    EXPECT_TRUE(h.waitForErrLine(
+    EXPECT_TRUE(h.waitForLine(
         "[ERROR] Thread::run() threadCode() ended by exception: CANTraceMessageBase too long"));
+    EXPECT_EQ(h.errLines(), Lines{});
     EXPECT_TRUE(h.expectNoFrame(milliseconds(20)));
 }
 

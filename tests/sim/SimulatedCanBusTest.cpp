@@ -562,7 +562,7 @@ TEST(SimulatedCanBus, WriteToInputWithoutReaderFailsWithoutEndingTheProcess) {
     const auto err = capture.errLines();
     ASSERT_EQ(2u, err.size());
     EXPECT_EQ(
-        "[ERROR] SimulatedCanBus::writeToInput() failed to write 33 bytes into the input "
+        "[ERROR] SimulatedCanBus::writeToInput() failed to write 26 bytes into the input "
         "of node A: ",
         err[0]);
     EXPECT_EQ(0u, err[1].find("[ERROR] errno 32: ")) << err[1];

@@ -1,8 +1,12 @@
 // The library's general exception: its text, its copy rule, its code and its printed form.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "libqbutil/QBException.h"
 
@@ -133,4 +137,50 @@ TEST(QBException, DeletedThroughStreamBasePointer) {
     *os << " text";
     EXPECT_EQ(static_cast<QBException*>(os)->text(), "heap text");
     delete os;
+}
+
+TEST(QBExceptionWhat, RepeatedCallsReturnTheSamePointerToTheSameText) {
+    // Longer than any small-string buffer, so that a rebuilt text would live elsewhere.
+    const std::string text(100, 'x');
+    QBException e(text);
+    const char* first = e.what();
+    const char* second = e.what();
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(text, std::string(first));
+}
+
+TEST(QBExceptionWhat, EarlierPointerKeepsItsTextAfterMoreIsInserted) {
+    QBException e(std::string(60, 'a'));
+    const char* before = e.what();
+    e << std::string(60, 'b');
+    const char* after = e.what();
+    EXPECT_EQ(std::string(60, 'a'), std::string(before));
+    EXPECT_EQ(std::string(60, 'a') + std::string(60, 'b'), std::string(after));
+    e << "c";
+    const char* last = e.what();
+    EXPECT_EQ(std::string(60, 'a') + std::string(60, 'b') + "c", std::string(last));
+    EXPECT_EQ(std::string(60, 'a'), std::string(before));
+    EXPECT_EQ(std::string(60, 'a') + std::string(60, 'b'), std::string(after));
+    EXPECT_EQ(last, e.what());
+}
+
+TEST(QBExceptionWhat, ConcurrentCallsAgreeAndDoNotRace) {
+    const std::string text(200, 'z');
+    const QBException e(text);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 2000; ++i) {
+                const char* w = e.what();
+                if (std::strcmp(w, text.c_str()) != 0) {
+                    ++wrong;
+                }
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(0, wrong.load());
 }

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -285,8 +287,9 @@ TEST(Thread, ExceptionFromThreadCodeIsLoggedAndEndsThread) {
     t.join();
     const std::vector<std::string> expected{
         "[ERROR] Thread::run() threadCode() ended by exception: boom"};
-    EXPECT_EQ(capture.errLines(), expected);
-    EXPECT_EQ(capture.outText(), "");
+    // The line goes to standard output: standard error is for failed system calls only.
+    EXPECT_EQ(capture.outLines(), expected);
+    EXPECT_EQ(capture.errText(), "");
     EXPECT_EQ(t.exitReason(), "boom");
 }
 
@@ -305,7 +308,8 @@ TEST(Thread, QBExceptionFromThreadCodeLogsItsText) {
     t.join();
     const std::vector<std::string> expected{
         "[ERROR] Thread::run() threadCode() ended by exception: pipe broke"};
-    EXPECT_EQ(capture.errLines(), expected);
+    EXPECT_EQ(capture.outLines(), expected);
+    EXPECT_EQ(capture.errText(), "");
     EXPECT_EQ(t.exitReason(), "pipe broke");
 }
 
@@ -321,7 +325,8 @@ TEST(Thread, NonStdExceptionLogsUnknownException) {
     t.join();
     const std::vector<std::string> expected{
         "[ERROR] Thread::run() threadCode() ended by exception: unknown exception"};
-    EXPECT_EQ(capture.errLines(), expected);
+    EXPECT_EQ(capture.outLines(), expected);
+    EXPECT_EQ(capture.errText(), "");
     EXPECT_EQ(t.exitReason(), "unknown exception");
 }
 
@@ -491,4 +496,67 @@ TEST(Thread, StopEndsThreadBlockedInWriteCancellableOnFullPipe) {
                 std::chrono::duration<double, std::milli>(elapsed).count());
     EXPECT_LT(elapsed, std::chrono::seconds(1));
     EXPECT_GE(writer.written.load(), 4096u);
+}
+
+TEST(ThreadOnItself, StopRequestsTheEndAtTheNextWaitAndTheOwnerJoins) {
+    struct SelfStopper : Thread {
+        std::atomic<bool> stopReturned{false};
+        std::atomic<bool> workDone{false};
+        std::atomic<bool> passedTheWait{false};
+        ~SelfStopper() override { stop(); }
+        void threadCode() override {
+            stop();  // cannot join itself: only requests the end
+            stopReturned = true;
+            // Work the thread still does after asking for its end.
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            workDone = true;
+            timeval tv = {5, 0};
+            waitForInput(0, nullptr, nullptr, nullptr, &tv);
+            passedTheWait = true;
+        }
+    };
+    SelfStopper t;
+    t.start();
+    ASSERT_TRUE(qbtest::waitUntil([&] { return t.stopReturned.load(); }, kEventTimeout));
+    t.stop();  // the owner's stop() still waits for the thread and joins it
+    EXPECT_TRUE(t.workDone.load());
+    EXPECT_FALSE(t.passedTheWait.load());
+    EXPECT_FALSE(t.isRunning());
+    EXPECT_EQ("", t.exitReason());
+}
+
+TEST(ThreadOnItself, JoinThrowsQBException) {
+    struct SelfJoiner : Thread {
+        std::string caught;
+        ~SelfJoiner() override { stop(); }
+        void threadCode() override {
+            try {
+                join();
+            } catch (const QBException& e) {
+                caught = e.text();
+            }
+        }
+    };
+    SelfJoiner t;
+    t.start();
+    t.join();
+    EXPECT_EQ("Thread::join: called on the thread itself", t.caught);
+}
+
+TEST(ThreadOnItselfDeathTest, DestructionOnItsOwnThreadAbortsWithAClearError) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            std::cout.rdbuf(std::cerr.rdbuf());  // the line goes to std::cout
+            struct SelfDeleter : Thread {
+                void threadCode() override { delete this; }
+            };
+            Thread* t = new SelfDeleter;
+            t->start();
+            std::this_thread::sleep_for(std::chrono::seconds(3));
+            std::exit(0);
+        },
+        ::testing::KilledBySignal(SIGABRT),
+        "\\[ERROR\\] Thread::~Thread\\(\\) destroyed on its own thread: the thread would go on "
+        "in freed memory; aborting");
 }

@@ -11,22 +11,22 @@
 #include "libqbtrace/CANExtTraceMessage.h"
 #include "libqbtrace/CANTransportTraceMessage.h"
 #include "libqbtrace/TraceMessageBuffer.h"
+#include "libqbutil/QBException.h"
 
 namespace {
 
-const std::vector<uint8_t> canFrameExample = {
-    0x51, 0x42, 0x54, 0x4d, 0x01, 0x00, 0x0b, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-    0x00, 0x00, 0x11, 0x00, 0x00, 0x00, 0x3f, 0xe6, 0xbb, 0x5f, 0x00, 0x00, 0x00, 0x00,
-    0xe0, 0x07, 0x00, 0x00, 0x08, 0x02, 0x10, 0x03, 0x00, 0x00, 0x00, 0x00, 0x00};
+const std::vector<uint8_t> canFrameExample = {0xc0, 0x02, 0x0b, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+                                              0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xe0, 0x07,
+                                              0x00, 0x00, 0x08, 0x02, 0x10, 0x03, 0x00, 0x00, 0x00,
+                                              0x00, 0x00, 0x59, 0x2b, 0xbb, 0x30, 0xc1};
 
-const std::vector<uint8_t> transportExample = {
-    0x51, 0x42, 0x54, 0x4d, 0x01, 0x00, 0x14, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-    0x08, 0x00, 0x00, 0x00, 0xa7, 0x53, 0xe6, 0xe2, 0xe8, 0x07, 0x00, 0x00, 0x00, 0x41, 0x42, 0x43};
+const std::vector<uint8_t> transportExample = {0xc0, 0x02, 0x14, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00,
+                                               0x00, 0x00, 0x00, 0xe8, 0x07, 0x00, 0x00, 0x00, 0x41,
+                                               0x42, 0x43, 0x68, 0x55, 0x6b, 0xf8, 0xc1};
 
-const std::vector<uint8_t> transportWithTrailerExample = {
-    0x51, 0x42, 0x54, 0x4d, 0x01, 0x01, 0x14, 0x80, 0x00, 0x00, 0x00, 0x00,
-    0x00, 0x00, 0x00, 0x00, 0x08, 0x00, 0x00, 0x00, 0x4f, 0x88, 0x1d, 0x5b,
-    0xe8, 0x07, 0x00, 0x00, 0x00, 0x41, 0x42, 0x43, 0x6f, 0x1c, 0x85, 0xb2};
+const std::vector<uint8_t> escapedPayloadExample = {
+    0xc0, 0x02, 0x14, 0x80, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xe8, 0x07,
+    0x00, 0x00, 0x00, 0xf5, 0xe0, 0xf5, 0xe1, 0xf5, 0xd5, 0xee, 0xf9, 0x30, 0x2a, 0xc1};
 
 CANExtTraceMessage canFrameMessage() {
     const uint8_t data[8] = {0x02, 0x10, 0x03, 0x00, 0x00, 0x00, 0x00, 0x00};
@@ -35,6 +35,11 @@ CANExtTraceMessage canFrameMessage() {
 
 CANTransportTraceMessage transportMessage() {
     const std::vector<uint8_t> payload = {0x41, 0x42, 0x43};
+    return CANTransportTraceMessage(0, 0x7E8, payload.begin(), payload.end(), CT_STANDARD);
+}
+
+CANTransportTraceMessage escapedPayloadMessage() {
+    const std::vector<uint8_t> payload = {0xC0, 0xC1, 0xF5};
     return CANTransportTraceMessage(0, 0x7E8, payload.begin(), payload.end(), CT_STANDARD);
 }
 
@@ -64,7 +69,7 @@ std::unique_ptr<MessageBase> decodeByteByByte(const std::vector<uint8_t>& bytes)
 
 TEST(WireFormatExample, CanFrameMessageIsWrittenAsDocumented) {
     byteVec_t out;
-    EXPECT_EQ(41u, canFrameMessage().createByteArray(out, true, false));
+    EXPECT_EQ(34u, canFrameMessage().createByteArray(out, true, false));
     EXPECT_EQ(canFrameExample, out);
 }
 
@@ -93,7 +98,7 @@ TEST(WireFormatExample, CanFrameMessageIsReadByteByByte) {
 
 TEST(WireFormatExample, TransportMessageIsWrittenAsDocumented) {
     byteVec_t out;
-    EXPECT_EQ(32u, transportMessage().createByteArray(out, true, false));
+    EXPECT_EQ(25u, transportMessage().createByteArray(out, true, false));
     EXPECT_EQ(transportExample, out);
 }
 
@@ -110,19 +115,42 @@ TEST(WireFormatExample, TransportMessageIsReadByteByByte) {
     EXPECT_EQ(transportExample, tp->getRawBytes());
 }
 
-TEST(WireFormatExample, TransportMessageWithTrailerIsWrittenAsDocumented) {
+TEST(WireFormatExample, EscapedPayloadIsWrittenAsDocumented) {
     byteVec_t out;
-    EXPECT_EQ(36u, transportMessage().createByteArray(out, true, true));
-    EXPECT_EQ(transportWithTrailerExample, out);
+    EXPECT_EQ(28u, escapedPayloadMessage().createByteArray(out, true, false));
+    EXPECT_EQ(escapedPayloadExample, out);
+    // The checksum flag changes nothing: every framed message carries its CRC.
+    EXPECT_EQ(28u, escapedPayloadMessage().createByteArray(out, true, true));
+    EXPECT_EQ(escapedPayloadExample, out);
 }
 
-TEST(WireFormatExample, TransportMessageWithTrailerIsReadByteByByte) {
-    std::unique_ptr<MessageBase> msg = decodeByteByByte(transportWithTrailerExample);
+TEST(WireFormatExample, EscapedPayloadIsReadByteByByte) {
+    std::unique_ptr<MessageBase> msg = decodeByteByByte(escapedPayloadExample);
     ASSERT_NE(nullptr, msg);
     auto* tp = dynamic_cast<CANTransportTraceMessage*>(msg.get());
     ASSERT_NE(nullptr, tp);
     EXPECT_EQ(0x7E8u, tp->getCanId());
     EXPECT_EQ(CT_STANDARD, tp->getCanType());
-    EXPECT_EQ((std::vector<uint8_t>{0x41, 0x42, 0x43}), tp->getPayload());
-    EXPECT_EQ(transportWithTrailerExample, tp->getRawBytes());
+    EXPECT_EQ((std::vector<uint8_t>{0xC0, 0xC1, 0xF5}), tp->getPayload());
+    EXPECT_EQ(escapedPayloadExample, tp->getRawBytes());
+}
+
+TEST(WireFormatExample, CutMessageThenWholeOneIsReadAsDocumented) {
+    // The first 10 bytes of the transport example, then the CAN frame example.
+    std::vector<uint8_t> stream(transportExample.begin(), transportExample.begin() + 10);
+    stream.insert(stream.end(), canFrameExample.begin(), canFrameExample.end());
+    TraceMessageBuffer buffer(-1, nullptr);
+    buffer.feed(stream.data(), stream.size());
+    try {
+        std::unique_ptr<MessageBase> msg(buffer.getNextMessage());
+        ADD_FAILURE() << "no exception";
+    } catch (const QBException& e) {
+        EXPECT_EQ(
+            "trace message stream: dropped 10 bytes: message cut short by the start of another",
+            e.text());
+    }
+    std::unique_ptr<MessageBase> msg(buffer.getNextMessage());
+    ASSERT_NE(nullptr, msg);
+    EXPECT_EQ(canFrameExample, msg->getRawBytes());
+    EXPECT_EQ(nullptr, buffer.getNextMessage());
 }
