@@ -91,6 +91,7 @@ rm -f "$out"/{console.log,details.log,summary.txt,initramfs.cpio}
 now() { date +%s.%N; }
 seconds_since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
 t0=$(now)
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 
 kernel=$("$here/fetch-kernel.sh")
 t_fetch=$(seconds_since "$t0")
@@ -138,6 +139,9 @@ verdict=0
     guest_end=$(sed -n 's/.*uptime=\([0-9.]*\).*/\1/p' <<<"$end_line")
     echo "TIMING kernel-fetch ${t_fetch}s initramfs ${t_initramfs}s qemu ${t_qemu}s total $(seconds_since "$t0")s"
     echo "TIMING guest boot-to-init ${boot:-?}s checks-end ${guest_end:-?}s (guest uptime)"
+    # The protocol's time-outs are real time and the guest is emulated: a host busy with other
+    # work slows it down (see docs/socketcan.md, "What the emulation does to timing").
+    echo "LOAD host load average before ${load_before}, after $(cut -d' ' -f1-3 /proc/loadavg), $(nproc) processors"
     if [ "$qemu_status" = 124 ] || [ "$qemu_status" = 137 ]; then
         echo "RESULT FAIL qemu stopped at the time limit of ${time_limit}s"
     fi
