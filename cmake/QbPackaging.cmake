@@ -76,8 +76,27 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL qbcantp)
-if(QB_PYTHON_COMPONENT)
+# The Python module, when built, is a second package of the same build.
+if(QB_BUILD_PYTHON)
     list(APPEND CPACK_COMPONENTS_ALL python)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-qbcantp)
+    set(CPACK_DEBIAN_PYTHON_FILE_NAME DEB-DEFAULT)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+        "qbcantp (= ${PROJECT_VERSION}), python3 (>= ${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR})")
+    set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS "python3-can")
+    # The module links the family's shared libraries, which the qbcantp package provides (an
+    # explicit dependency above): dpkg-shlibdeps finds them in the build tree.
+    set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS)
+    foreach(lib IN LISTS qb_libraries)
+        get_target_property(type ${lib} TYPE)
+        if(type STREQUAL "SHARED_LIBRARY")
+            get_target_property(dir ${lib} BINARY_DIR)
+            list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${dir})
+        endif()
+    endforeach()
+    set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+        "Python module qbcantp: the CAN transport endpoint from Python, on any python-can bus")
 endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_QBCANTP_PACKAGE_NAME qbcantp)

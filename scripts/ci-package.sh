@@ -5,7 +5,9 @@
 #     find_package(qbcantp), built and run to its expected output; a program built with
 #     pkg-config's flags against the same prefix;
 #  3. examples/sendfile built again through add_subdirectory() of the source tree;
-#  4. the .deb listed, unpacked into a scratch root, and the cantp installed there run.
+#  4. the .deb listed, unpacked into a scratch root, and the cantp installed there run;
+#  5. the Python module (python3-qbcantp) imported from the staging prefix and from its .deb
+#     unpacked into the same scratch root, with /usr/bin/python3.
 # Usage: scripts/ci-package.sh   (from anywhere; work files under build/)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -84,4 +86,21 @@ scratch=$work/scratch-root
 dpkg -x "$deb" "$scratch"
 LD_LIBRARY_PATH="$scratch/usr/lib/$multiarch" "$scratch/usr/bin/cantp" --version
 LD_LIBRARY_PATH="$scratch/usr/lib/$multiarch" "$scratch/usr/bin/cantp" demo --fast --payloads 50
+
+step "the Python module from the staging prefix and from python3-qbcantp"
+pydeb=$(ls build/package/python3-qbcantp_*.deb)
+dpkg-deb --info "$pydeb"
+dpkg-deb --contents "$pydeb"
+check_module() {  # check_module ROOT PREFIX: imports qbcantp installed under ROOT/PREFIX
+    local site
+    site=$(cd "$1" && find "./$2" -type d -name qbcantp -path '*-packages/*' | head -n 1)
+    [ -n "$site" ] || { echo "no qbcantp package under $1/$2" >&2; return 1; }
+    PYTHONPATH="$1/$(dirname "$site")" LD_LIBRARY_PATH="$1/$2/lib/$multiarch" \
+        /usr/bin/python3 -c "import qbcantp; help(qbcantp.Endpoint)" > "$work/help.txt"
+    grep -q "class Endpoint" "$work/help.txt"
+    echo "import qbcantp from $1/$site: help(qbcantp.Endpoint) has $(wc -l < "$work/help.txt") lines"
+}
+check_module "$stage" .
+dpkg -x "$pydeb" "$scratch"
+check_module "$scratch" usr
 echo "package checks passed"
