@@ -88,9 +88,10 @@ inline void silenceLogStreams() {
     if (std::getenv("QB_FUZZ_VERBOSE") != nullptr) {
         return;
     }
-    static NullBuffer sink;
-    std::cout.rdbuf(&sink);
-    std::cerr.rdbuf(&sink);
+    // Never destroyed: the standard streams are flushed at exit, after static objects are gone.
+    static NullBuffer* const sink = new NullBuffer;
+    std::cout.rdbuf(sink);
+    std::cerr.rdbuf(sink);
 }
 
 /// Hex text of bytes for failure messages ("0a 1b ..."), at most `limit` bytes.
