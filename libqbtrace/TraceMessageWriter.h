@@ -59,7 +59,7 @@ class TraceMessageWriter {
         int (*waitWritable)(int fd);
     };
 
-    /// ::write and poll(POLLOUT) without a time limit.
+    /// write(2), and poll(POLLOUT) without a time limit.
     static const SystemCalls& defaultCalls();
 
     /// Writes into `fd`, which it does not own.
