@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "can/TransportHarness.h"
+#include "common/Subprocess.h"
 #include "common/Wait.h"
 #include "libqbtrace/CANTransportTraceMessage.h"
 #include "libqbtrace/RawTraceMessage.h"
@@ -316,7 +317,7 @@ TEST(OwnThread, StopFromTheStatusCallbackEndsTheThreadAndTheOwnerStillJoinsIt) {
 }
 
 TEST(OwnThreadDeathTest, DestroyingTheEndpointFromTheStatusCallbackAbortsWithAClearError) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, qbtest::deathTestStyle());
     EXPECT_EXIT(
         {
             // The error line goes to std::cout; the death test matches standard error.

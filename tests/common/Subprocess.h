@@ -76,6 +76,18 @@ class Subprocess {
 /// Subprocess uses it for every child; it is the one place that knows about emulation.
 std::vector<std::string> emulatedCommand(const std::string& program);
 
+/// The GoogleTest death-test style for a test whose process runs threads: "threadsafe" (the
+/// child re-executes the test program) natively; "fast" (the child is forked without exec)
+/// under an emulator, where the kernel cannot execute the target's program by itself. Use it as
+/// GTEST_FLAG_SET(death_test_style, qbtest::deathTestStyle()).
+inline const char* deathTestStyle() {
+#ifdef QB_TEST_EMULATOR
+    return "fast";
+#else
+    return "threadsafe";
+#endif
+}
+
 /// Path of the cantp binary under test (from the build).
 std::string cantpPath();
 

@@ -16,6 +16,7 @@
 
 #include "common/OutputCapture.h"
 #include "common/Pipe.h"
+#include "common/Subprocess.h"
 #include "common/Wait.h"
 #include "libqbproc/Thread.h"
 #include "libqbutil/QBException.h"
@@ -544,7 +545,7 @@ TEST(ThreadOnItself, JoinThrowsQBException) {
 }
 
 TEST(ThreadOnItselfDeathTest, DestructionOnItsOwnThreadAbortsWithAClearError) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    GTEST_FLAG_SET(death_test_style, qbtest::deathTestStyle());
     EXPECT_EXIT(
         {
             std::cout.rdbuf(std::cerr.rdbuf());  // the line goes to std::cout
