@@ -9,6 +9,31 @@
 
 namespace qbtest {
 
+std::string LockedStringBuf::str() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return text;
+}
+
+void LockedStringBuf::clear() {
+    std::lock_guard<std::mutex> lock(mutex);
+    text.clear();
+}
+
+LockedStringBuf::int_type LockedStringBuf::overflow(int_type ch) {
+    if (traits_type::eq_int_type(ch, traits_type::eof())) {
+        return traits_type::not_eof(ch);
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    text.push_back(traits_type::to_char_type(ch));
+    return ch;
+}
+
+std::streamsize LockedStringBuf::xsputn(const char* s, std::streamsize n) {
+    std::lock_guard<std::mutex> lock(mutex);
+    text.append(s, static_cast<size_t>(n));
+    return n;
+}
+
 OutputCapture::OutputCapture() {
     std::lock_guard<std::mutex> lock(LogUtil::logMutex);
     savedOut = std::cout.rdbuf(&out);
@@ -41,8 +66,8 @@ std::vector<std::string> OutputCapture::errLines() const {
 
 void OutputCapture::clear() {
     std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-    out.str(std::string());
-    err.str(std::string());
+    out.clear();
+    err.clear();
 }
 
 namespace {
