@@ -70,15 +70,15 @@ random_file() { head -c "$2" /dev/urandom >"$1"; }
 
 # Frames seen by can-utils' own candump, in candump -L form.
 #
-# start_candump FILE [INTERFACE-SPEC [candump options...]]: start 'candump -L SPEC OPTIONS'
-# (SPEC by default vcan0; a SPEC with filters must let 7FF pass) writing to FILE, and wait until
+# start_candump FILE [INTERFACE[,FILTERS] [candump options...]]: start 'candump -L OPTIONS WHAT'
+# (WHAT by default vcan0; filters given with it must let 7FF pass) writing to FILE, and wait until
 # it demonstrably receives: probe frames (identifier 7FF, data CA FE) are sent until one shows in
 # FILE. Sets CANDUMP_PID. Strip the probes with frames_of.
 start_candump() {
-    local file=$1 spec=${2:-vcan0}
+    local file=$1 what=${2:-vcan0}
     shift
     [ $# -eq 0 ] || shift
-    candump -L "$@" "$spec" >"$file" &
+    candump -L "$@" "$what" >"$file" &
     CANDUMP_PID=$!
     if ! wait_for 10 probe_seen "$file"; then
         echo "candump did not start receiving"
