@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "ArgumentReader.h"
+#include "MessagePump.h"
 #include "SocketCanArguments.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/PcapWriter.h"
@@ -121,37 +122,17 @@ byteVec_t serialise(const byteVec_t& payload, uint16_t id) {
 class PayloadReader {
   public:
     template <typename Handler>
-    PayloadReader(int fd, Handler onPayload) : buffer(fd, nullptr) {
+    PayloadReader(int fd, Handler onPayload) {
         if (::pipe(stopPipe) != 0) {
             throw QBException(std::string("pipe() failed: ") + std::strerror(errno));
         }
         worker = std::thread([this, fd, onPayload] {
-            for (;;) {
-                pollfd fds[2] = {{fd, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-                if (::poll(fds, 2, -1) < 0) {
-                    continue;
+            MessagePump::run(fd, stopPipe[0], [&](std::unique_ptr<MessageBase> msg) {
+                if (const auto* p = dynamic_cast<const CANTransportTraceMessage*>(msg.get())) {
+                    onPayload(p->getPayload());
                 }
-                if ((fds[1].revents & POLLIN) != 0) {
-                    return;
-                }
-                if (buffer.read() < 0) {
-                    return;
-                }
-                for (;;) {
-                    std::unique_ptr<MessageBase> msg;
-                    try {
-                        msg.reset(buffer.getNextMessage());
-                    } catch (const QBException&) {
-                        continue;
-                    }
-                    if (!msg) {
-                        break;
-                    }
-                    if (const auto* p = dynamic_cast<const CANTransportTraceMessage*>(msg.get())) {
-                        onPayload(p->getPayload());
-                    }
-                }
-            }
+                return true;
+            });
         });
     }
     ~PayloadReader() {
@@ -163,7 +144,6 @@ class PayloadReader {
     }
 
   private:
-    TraceMessageBuffer buffer;
     int stopPipe[2] = {-1, -1};
     std::thread worker;
 };

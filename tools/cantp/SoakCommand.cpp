@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "ArgumentReader.h"
+#include "MessagePump.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/CandumpLine.h"
 #include "libqbcansim/SimulatedCanBus.h"
@@ -640,77 +641,36 @@ bool Lane::writeWhole(Endpoint& p, const byteVec_t& bytes) {
 /// endpoint's input.
 void Lane::forward(int e) {
     Endpoint& p = ep[e];
-    TraceMessageBuffer buffer(p.busPipe[0], nullptr);
-    for (;;) {
-        pollfd fds[2] = {{p.busPipe[0], POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            continue;
+    MessagePump::run(p.busPipe[0], stopPipe[0], [&](std::unique_ptr<MessageBase> msg) {
+        if (const auto* c = dynamic_cast<const CANTraceMessageBase*>(msg.get())) {
+            FrameRecord f;
+            f.ns = nowNs();
+            f.id = c->getCanId();
+            f.len = static_cast<uint8_t>(std::min<unsigned>(c->getNumberOfDataBytes(), 8));
+            std::copy(c->getData(), c->getData() + f.len, f.data.begin());
+            p.rx.push(f);
         }
-        if ((fds[1].revents & POLLIN) != 0) {
-            return;
-        }
-        if (buffer.read() < 0) {
-            return;
-        }
-        for (;;) {
-            std::unique_ptr<MessageBase> msg;
-            try {
-                msg.reset(buffer.getNextMessage());
-            } catch (const QBException&) {
-                continue;
-            }
-            if (!msg) {
-                break;
-            }
-            if (const auto* c = dynamic_cast<const CANTraceMessageBase*>(msg.get())) {
-                FrameRecord f;
-                f.ns = nowNs();
-                f.id = c->getCanId();
-                f.len = static_cast<uint8_t>(std::min<unsigned>(c->getNumberOfDataBytes(), 8));
-                std::copy(c->getData(), c->getData() + f.len, f.data.begin());
-                p.rx.push(f);
-            }
-            byteVec_t bytes;
-            msg->createByteArray(bytes, true, false);
-            if (!writeWhole(p, bytes)) {
-                return;
-            }
-        }
-    }
+        byteVec_t bytes;
+        msg->createByteArray(bytes, true, false);
+        return writeWhole(p, bytes);
+    });
 }
 
 /// The application side of endpoint `e`: reads the payloads it delivers.
 void Lane::read(int e) {
     Endpoint& p = ep[e];
-    TraceMessageBuffer buffer(p.readFD, nullptr);
-    for (;;) {
-        pollfd fds[2] = {{p.readFD, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            continue;
-        }
-        if ((fds[1].revents & POLLIN) != 0) {
-            return;
-        }
-        if (buffer.read() < 0) {
-            return;
-        }
-        for (;;) {
-            std::unique_ptr<MessageBase> msg;
-            try {
-                msg.reset(buffer.getNextMessage());
-            } catch (const QBException&) {
-                std::lock_guard<std::mutex> lock(mutex);
-                tally.unparsable += 1;
-                continue;
-            }
-            if (!msg) {
-                break;
-            }
+    MessagePump::run(
+        p.readFD, stopPipe[0],
+        [&](std::unique_ptr<MessageBase> msg) {
             if (const auto* t = dynamic_cast<const CANTransportTraceMessage*>(msg.get())) {
                 onDelivery(e, t->getPayload());
             }
-        }
-    }
+            return true;
+        },
+        [&] {
+            std::lock_guard<std::mutex> lock(mutex);
+            tally.unparsable += 1;
+        });
 }
 
 uint32_t Lane::registerHandOver(int e, byteVec_t& bytes) {
