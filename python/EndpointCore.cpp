@@ -186,8 +186,12 @@ void EndpointCore::leave() {
 }
 
 void EndpointCore::onStatus(CANTransportThread::statuschange_t status, uint16_t arg) {
-    // On the transport thread: settle, queue, return. Never Python, never a wait.
+    // On the transport thread: queue, settle, return. Never Python, never a wait. The event is
+    // queued before the send it ends is settled, so that a send() that has returned always finds
+    // its report already in the status queue.
     const StatusQueue::Event event{static_cast<int>(status), arg, wallClockNow()};
+    appEvents.push(event);
+    callbackEvents.push(event);
     if (status == CANTransportThread::CTT_ACKNOWLEDGED) {
         tracker.onAcknowledged();
     } else if (status == CANTransportThread::CTT_SEND_TIMEOUT) {
@@ -195,8 +199,6 @@ void EndpointCore::onStatus(CANTransportThread::statuschange_t status, uint16_t 
     } else if (status == CANTransportThread::CTT_DISCONNECTED) {
         tracker.onGiveUp(SendTracker::DISCONNECTED);
     }
-    appEvents.push(event);
-    callbackEvents.push(event);
 }
 
 uint64_t EndpointCore::submit(const uint8_t* data, size_t size) {

@@ -61,6 +61,18 @@ def test_single_frame_goes_out_padded_and_the_acknowledgement_completes_send(pee
     assert statuses(a) == [(qbcantp.Status.CONNECTED, 0), (qbcantp.Status.ACKNOWLEDGED, 0x11)]
 
 
+def test_acknowledgement_is_in_the_status_queue_when_send_returns(peer_and_endpoint):
+    peer, a = peer_and_endpoint
+    for n in range(20):
+        s = Sender(a, bytes([n]))
+        peer.expect()
+        peer.send(ACK)
+        assert s.result() is None
+        # No waiting: the report that ended send() must already be queued.
+        events = statuses(a, timeout=0)
+        assert events[-1] == (qbcantp.Status.ACKNOWLEDGED, n)
+
+
 def test_segmented_payload_waits_for_ready_then_bursts_its_consecutive_frames(peer_and_endpoint):
     peer, a = peer_and_endpoint
     s = Sender(a, bytes(range(14)))
