@@ -78,7 +78,8 @@ CANTransportThread::CANTransportThread(int _debug)
       debug(_debug),
       sendQueue(),
       receiveBuffer(),
-      curSendPtr(MSGPART_INVALID) {
+      curSendPtr(MSGPART_INVALID),
+      frameBuffer() {
     std::memset(&canProxySock, 0, sizeof canProxySock);
 }
 
@@ -292,14 +293,30 @@ void CANTransportThread::threadCode() {
 }
 
 void CANTransportThread::handleData() {
+    // One read takes everything the input holds (up to the reader's chunk limit); the messages
+    // it completed are handled one after the other, and the input is read again only when they
+    // are done and the read may have left bytes behind. A read that emptied the input is not
+    // followed by one that could only find it empty: the loop's pselect() waits for more.
+    bool readInput = true;
     for (;;) {
         bool rejected = false;
-        std::unique_ptr<MessageBase> msg(getNextTraceMessage(&rejected));
+        std::unique_ptr<MessageBase> msg;
+        if (msgBuffer->hasUnparsedInput()) {
+            msg.reset(getNextTraceMessage(&rejected, false));
+        } else if (readInput) {
+            msg.reset(getNextTraceMessage(&rejected, true));
+            readInput = msgBuffer->mayHaveMoreInput();
+        } else {
+            return;
+        }
         if (!msg) {
             // Refused bytes end a fetch without a message although whole messages may be
             // buffered behind them; nothing would wake the loop for those, so go on. Every
             // refusal drops bytes, so this ends.
             if (rejected && msgBuffer->hasUnparsedInput()) {
+                continue;
+            }
+            if (readInput && !msgBuffer->atEndOfInput()) {
                 continue;
             }
             return;
@@ -310,7 +327,7 @@ void CANTransportThread::handleData() {
             case MSGID_CAN:
             case MSGID_CAN_EXT:
             case MSGID_CAN_PROXY: {
-                const auto* canMsg = dynamic_cast<const CANTraceMessageBase*>(msg.get());
+                const CANTraceMessageBase* canMsg = msg->canFrame();
                 if (canMsg == nullptr) {
                     break;
                 }
@@ -358,15 +375,17 @@ void CANTransportThread::handleData() {
     }
 }
 
-MessageBase* CANTransportThread::getNextTraceMessage(bool* rejectedInput) {
-    const bool wasAtEnd = msgBuffer->atEndOfInput();
-    const int result = msgBuffer->read();
-    if (result == -1) {
-        QB_SYSERROR("failed to read data: ");
-        return nullptr;
-    }
-    if (result == TraceMessageBuffer::END_OF_INPUT && !wasAtEnd) {
-        QB_INFO("input pipe closed by the application: no further input is read");
+MessageBase* CANTransportThread::getNextTraceMessage(bool* rejectedInput, bool readFirst) {
+    if (readFirst) {
+        const bool wasAtEnd = msgBuffer->atEndOfInput();
+        const int result = msgBuffer->readAvailable();
+        if (result == -1) {
+            QB_SYSERROR("failed to read data: ");
+            return nullptr;
+        }
+        if (result == TraceMessageBuffer::END_OF_INPUT && !wasAtEnd) {
+            QB_INFO("input pipe closed by the application: no further input is read");
+        }
     }
     try {
         return msgBuffer->getNextMessage();
@@ -496,9 +515,9 @@ ssize_t CANTransportThread::writeMessage(int fd, const byteVec_t& bytes, bool ca
 void CANTransportThread::sendCANMessage(TPCANMsg& msg) {
     CANExtTraceMessage cmsg(0, 0, CF_STANDARD, CSE_NO, CT_STANDARD, msg.LEN, msg.ID, msg.DATA);
     QB_DEBUG(debug > 0, "CAN write to canProxyFD: " << cmsg);
-    byteVec_t buf;
-    cmsg.createByteArray(buf, true, false);
-    if (writeMessage(canProxyFD, buf, false) == -1) {
+    // Serialised into a buffer kept for the thread's life: a frame costs no allocation.
+    cmsg.createByteArray(frameBuffer, true, false);
+    if (writeMessage(canProxyFD, frameBuffer, false) == -1) {
         QB_SYSERROR("failed to send data to the "
                     << "CAN proxy: ");
     }

@@ -178,9 +178,11 @@ class CANTransportThread : public Thread {
     void threadCode() override;
     /// Drains the input pipe, one trace message at a time, dispatching each by identifier.
     void handleData();
-    /// One read and one parse; null if no message is ready. `rejectedInput`, if given, is set
-    /// when the reader refused bytes (so that the caller may look for messages behind them).
-    MessageBase* getNextTraceMessage(bool* rejectedInput = nullptr);
+    /// One read (TraceMessageBuffer::readAvailable(); none with `readFirst` false, for a
+    /// message already buffered) and one parse; null if no message is ready. `rejectedInput`,
+    /// if given, is set when the reader refused bytes (so that the caller may look for messages
+    /// behind them).
+    MessageBase* getNextTraceMessage(bool* rejectedInput = nullptr, bool readFirst = true);
     /// Acts on an expired protocol timer by state.
     void handleTimeout();
     /// Arms the protocol timer; (0, 0) switches it off.
@@ -235,6 +237,7 @@ class CANTransportThread : public Thread {
     std::deque<std::vector<TPCANMsg>*> sendQueue;
     std::vector<uint8_t> receiveBuffer;
     msgpart_t curSendPtr;
+    byteVec_t frameBuffer;  // serialised form of the frame being written (reused)
 
   private:
     void closePipes();

@@ -212,12 +212,13 @@ void SimulatedCanBus::threadCode() {
             }
         }
         advance(monotonicNs());
+        flushDeliveries();
     }
 }
 
 void SimulatedCanBus::readNode(int index, int64_t now) {
     Node& node = *nodes[static_cast<size_t>(index)];
-    const int got = node.reader->read();
+    const int got = node.reader->readAvailable();
     if (got == TraceMessageBuffer::END_OF_INPUT) {
         node.proxyClosed = true;
     } else if (got < 0) {
@@ -243,7 +244,7 @@ void SimulatedCanBus::readNode(int index, int64_t now) {
         if (!msg) {
             break;
         }
-        const auto* can = dynamic_cast<const CANTraceMessageBase*>(msg.get());
+        const CANTraceMessageBase* can = msg->canFrame();
         if (msg->getMessageId() != MSGID_CAN_EXT || can == nullptr) {
             ++rejected;
             QB_ERROR("node " << node.name << ": dropped trace message with identifier 0x"
@@ -401,28 +402,89 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
             if (static_cast<int>(i) == tx.sender || outcome[i] == OUTCOME_MISSED) {
                 continue;
             }
-            outcome[i] = deliver(*nodes[i], frameBytes) ? OUTCOME_RECEIVED : OUTCOME_FAILED;
+            Node& node = *nodes[i];
+            if (cfg.timed) {
+                outcome[i] = deliver(node, frameBytes) ? OUTCOME_RECEIVED : OUTCOME_FAILED;
+            } else if (node.inputFailed) {
+                outcome[i] = OUTCOME_FAILED;
+            } else {
+                node.batch.insert(node.batch.end(), frameBytes.begin(), frameBytes.end());
+                ++node.batchFrames;
+                outcome[i] = OUTCOME_RECEIVED;
+            }
         }
     }
 
+    if (!cfg.timed) {
+        // Counted when the gathered frames have been written (flushDeliveries()).
+        finished.push_back(Finished{tx.sender, f.bits, lost});
+        finishedOutcomes.insert(finishedOutcomes.end(), outcome.begin(), outcome.end());
+        bool full = false;
+        for (const auto& node : nodes) {
+            full = full || node->batch.size() >= DELIVERY_BATCH_LIMIT;
+        }
+        if (full) {
+            flushDeliveries();
+        }
+        std::lock_guard<std::mutex> lock(stateMutex);
+        currentSender = -1;
+        return;
+    }
+
     std::lock_guard<std::mutex> lock(stateMutex);
-    NodeStatistics& s = nodes[static_cast<size_t>(tx.sender)]->stats;
+    countFrame(tx.sender, f.bits, lost, outcome.data());
+    currentSender = -1;
+}
+
+void SimulatedCanBus::flushDeliveries() {
+    if (finished.empty()) {
+        return;
+    }
+    const size_t count = nodes.size();
+    for (size_t i = 0; i < count; ++i) {
+        Node& node = *nodes[i];
+        if (node.batchFrames == 0) {
+            continue;
+        }
+        if (!deliver(node, node.batch)) {
+            // Every frame of the batch failed for this node.
+            for (size_t k = 0; k < finished.size(); ++k) {
+                uint8_t& o = finishedOutcomes[k * count + i];
+                if (o == OUTCOME_RECEIVED) {
+                    o = OUTCOME_FAILED;
+                }
+            }
+        }
+        node.batch.clear();
+        node.batchFrames = 0;
+    }
+    std::lock_guard<std::mutex> lock(stateMutex);
+    for (size_t k = 0; k < finished.size(); ++k) {
+        countFrame(finished[k].sender, finished[k].bits, finished[k].lost,
+                   finishedOutcomes.data() + k * count);
+    }
+    finished.clear();
+    finishedOutcomes.clear();
+}
+
+void SimulatedCanBus::countFrame(int sender, uint32_t bits, bool lost, const uint8_t* outcomes) {
+    NodeStatistics& s = nodes[static_cast<size_t>(sender)]->stats;
     ++s.framesSent;
-    s.bitsSent += f.bits;
+    s.bitsSent += bits;
     ++framesCarried;
-    bitsCarried += f.bits;
-    busyNs += CanFrameTiming::frameTimeNs(f.bits, cfg.bitrate);
+    bitsCarried += bits;
+    busyNs += CanFrameTiming::frameTimeNs(bits, cfg.bitrate);
     if (lost) {
         ++framesLost;
     }
     for (size_t i = 0; i < nodes.size(); ++i) {
         NodeStatistics& r = nodes[i]->stats;
-        switch (outcome[i]) {
+        switch (outcomes[i]) {
             case OUTCOME_RECEIVED:
                 ++r.framesReceived;
                 break;
             case OUTCOME_MISSED:
-                if (static_cast<int>(i) != tx.sender) {
+                if (static_cast<int>(i) != sender) {
                     ++r.framesMissed;
                 }
                 break;
@@ -433,7 +495,6 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
                 break;
         }
     }
-    currentSender = -1;
 }
 
 void SimulatedCanBus::writeTap(const Frame& f, int64_t realNs) {

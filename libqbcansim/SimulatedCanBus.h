@@ -76,7 +76,14 @@
 ///
 /// Memory: per node a FIFO of at most about MAX_PENDING_FRAMES frames plus one read's worth
 /// (TraceMessageBuffer::READ_CHUNK_LIMIT bytes); while a node's FIFO is full the bus stops
-/// reading from it, and the endpoint's writes wait in the pipe.
+/// reading from it, and the endpoint's writes wait in the pipe. In fast mode, per node at most
+/// DELIVERY_BATCH_LIMIT bytes of frames waiting to be written (see below).
+///
+/// Fast-mode delivery: the frames the bus carries in one pass (everything it has read when it
+/// wakes) are written into each receiving node's input in one write, each still a whole
+/// message, so that a burst of consecutive frames costs the receiver one wake-up instead of
+/// one per frame. Frames are counted in the statistics once that write is done, as in timed
+/// mode, where every frame is written when its transmission ends.
 ///
 /// Thread rules. Construction, addNode(), start(), stop() and destruction: by the owner, and
 /// addNode() only before start(). proxyFd(), nodeCount(), writeToInput(), inputWriter(), silence()
@@ -154,6 +161,8 @@ class SimulatedCanBus : public Thread {
 
     /// Most frames a node's FIFO holds before the bus stops reading from that node.
     static constexpr size_t MAX_PENDING_FRAMES = 4096;
+    /// Fast mode: bytes of frames gathered for one node before they are written.
+    static constexpr size_t DELIVERY_BATCH_LIMIT = 32 * 1024;
 
     /// A bus with the default Config.
     SimulatedCanBus();
@@ -222,6 +231,8 @@ class SimulatedCanBus : public Thread {
         bool proxyClosed = false;                    // bus thread only
         std::unique_ptr<TraceMessageWriter> writer;  // every write into inputFd
         bool inputFailed = false;                    // bus thread only
+        byteVec_t batch;                             // fast mode: frames to write, bus thread only
+        size_t batchFrames = 0;                      // frames in `batch`
         int64_t silentUntilNs = 0;                   // guarded by stateMutex
         NodeStatistics stats;                        // guarded by stateMutex
     };
@@ -240,6 +251,10 @@ class SimulatedCanBus : public Thread {
     void writeTap(const Frame& frame, int64_t realNs);
     bool isSilent(const Node& node, int64_t now) const;  // caller holds stateMutex
     bool deliver(Node& node, const byteVec_t& bytes);
+    /// Fast mode: writes every node's gathered frames and counts the frames they complete.
+    void flushDeliveries();
+    /// Counts a finished frame (caller holds stateMutex); `outcomes` has one entry per node.
+    void countFrame(int sender, uint32_t bits, bool lost, const uint8_t* outcomes);
     static int waitWritable(int fd);
     void markEnded();
 
@@ -259,6 +274,15 @@ class SimulatedCanBus : public Thread {
     enum : uint8_t { OUTCOME_NONE, OUTCOME_RECEIVED, OUTCOME_MISSED, OUTCOME_FAILED };
     std::vector<uint8_t> outcome;  // per node, for the frame being finished
     byteVec_t frameBytes;          // the serialised frame being delivered
+    /// Fast mode: frames finished but not yet written, in order: sender, bits, lost, and one
+    /// outcome per node each.
+    struct Finished {
+        int sender;
+        uint32_t bits;
+        bool lost;
+    };
+    std::vector<Finished> finished;
+    std::vector<uint8_t> finishedOutcomes;
 
     // Guarded by stateMutex.
     mutable std::mutex stateMutex;

@@ -28,6 +28,7 @@ class CANTraceMessageBase : public MessageBase {
     /// state is CSE_NO, " BRS" and " ESI" if set, " dlc <dlc> len <n>", and " data xx xx ..."
     /// if n > 0. Values without a name print as numbers ("kind 5", "err 12").
     std::ostream& print(std::ostream& os) const override;
+    const CANTraceMessageBase* canFrame() const override { return this; }
 
     uint8_t getChannel() const { return channel; }
     uint32_t getCanId() const { return canId; }

@@ -26,6 +26,9 @@ constexpr std::array<uint32_t, 256> makeCrcTable() {
 
 constexpr std::array<uint32_t, 256> crcTable = makeCrcTable();
 
+/// Capacity of the per-thread serialising buffer that is kept between calls.
+constexpr size_t SCRATCH_KEPT = 64 * 1024;
+
 void putU16(uint8_t* p, uint16_t v) {
     p[0] = static_cast<uint8_t>(v);
     p[1] = static_cast<uint8_t>(v >> 8);
@@ -64,6 +67,14 @@ std::ostream& MessageBase::print(std::ostream& os) const {
     return os << text.str();
 }
 
+const byteVec_t& MessageBase::getRawBytes() const {
+    if (rawBytes.empty() && !rawContent.empty()) {
+        appendFrame(rawContent.data(), rawContent.size(), rawBytes);
+        byteVec_t().swap(rawContent);
+    }
+    return rawBytes;
+}
+
 size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withChecksum) const {
     // Every framed message carries its CRC; the body alone has none (see the header).
     static_cast<void>(withChecksum);
@@ -74,7 +85,20 @@ size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withCh
         return out.size();
     }
 
-    byteVec_t content;
+    // The unescaped content is assembled in a buffer of the calling thread that is kept between
+    // calls, so that serialising a frame costs no allocation; one that grew for a large message
+    // is released again.
+    thread_local byteVec_t scratch;
+    struct Release {
+        byteVec_t& buffer;
+        ~Release() {
+            if (buffer.capacity() > SCRATCH_KEPT) {
+                byteVec_t().swap(buffer);
+            }
+        }
+    } release{scratch};
+    byteVec_t& content = scratch;
+    content.clear();
     content.reserve(HEADER_SIZE + getSize() + CHECKSUM_SIZE);
     content.resize(HEADER_SIZE);
     appendBody(content);
@@ -96,24 +120,28 @@ size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withCh
     content.resize(content.size() + CHECKSUM_SIZE);
     putU32(content.data() + content.size() - CHECKSUM_SIZE, crc);
 
-    // Escaping adds a byte for each reserved byte; about 1 in 85 for random bytes.
-    out.reserve(content.size() + content.size() / 64 + 2);
     appendFrame(content.data(), content.size(), out);
     return out.size();
 }
 
 void MessageBase::appendFrame(const uint8_t* content, size_t n, byteVec_t& out) {
-    out.push_back(FRAME_START);
+    // Sized once for the worst case (every byte escaped) and trimmed after, so the loop writes
+    // through a pointer instead of growing the vector a byte at a time.
+    const size_t start = out.size();
+    out.resize(start + 2 * n + 2);
+    uint8_t* q = out.data() + start;
+    *q++ = FRAME_START;
     for (size_t i = 0; i < n; ++i) {
         const uint8_t b = content[i];
         if (b == FRAME_START || b == FRAME_END || b == FRAME_ESCAPE) {
-            out.push_back(FRAME_ESCAPE);
-            out.push_back(static_cast<uint8_t>(b ^ ESCAPE_XOR));
+            *q++ = FRAME_ESCAPE;
+            *q++ = static_cast<uint8_t>(b ^ ESCAPE_XOR);
         } else {
-            out.push_back(b);
+            *q++ = b;
         }
     }
-    out.push_back(FRAME_END);
+    *q++ = FRAME_END;
+    out.resize(static_cast<size_t>(q - out.data()));
 }
 
 uint32_t MessageBase::crc32(const uint8_t* data, size_t len, uint32_t crc) {

@@ -13,6 +13,8 @@
 /// Time stamp of a trace message. Messages built by the transport endpoint carry 0.
 typedef uint64_t timeStamp_t;
 
+class CANTraceMessageBase;
+
 /// Base of every trace message. The serialised form (docs/wire-format.md, format version 2) is a
 /// frame: the byte FRAME_START, the escaped content, the byte FRAME_END. The content is an
 /// 11-byte header (version, identifier, time stamp), the body that the derived class writes
@@ -20,12 +22,16 @@ typedef uint64_t timeStamp_t;
 /// never occur inside a frame (each is written as FRAME_ESCAPE and the byte XOR ESCAPE_XOR), so
 /// no bytes of a body can ever be taken for the start or the end of a message.
 ///
-/// Fields, in order: `invalidReason`, `rawBytes`, `msgId`, `timeStamp`.
+/// Fields, in order: `invalidReason`, `rawBytes`, `msgId`, `timeStamp` (and `rawContent`, the
+/// unescaped content behind `rawBytes` until they are asked for).
 /// - `invalidReason` is empty for a valid message; for a message that the reader returned
 ///   although its body could not be parsed (invalidHandling == IMH_RETURN_INVALID_MESSAGE)
 ///   it says why, and isValid() is false.
 /// - `rawBytes` holds, for a message read from a descriptor, the exact bytes it was parsed from
-///   (header, body and trailer); it is empty for a message built in memory.
+///   (header, body and trailer); it is empty for a message built in memory. A reader hands over
+///   the decoded content (setRawContent()) and the frame is encoded again only when
+///   getRawBytes() is first called: the encoding is canonical, so it gives the very bytes read,
+///   and a message whose bytes nobody asks for costs no copy.
 ///
 /// Thread rules: a message object is used by one thread at a time. Messages returned by
 /// TraceMessageBuffer belong to the caller, who deletes them through this class.
@@ -53,10 +59,13 @@ class MessageBase {
     virtual void appendBody(byteVec_t& out) const = 0;
     /// Writes a readable one-line form of the message (no line end).
     virtual std::ostream& print(std::ostream& os) const;
+    /// The message as a CAN frame message, or null for any other kind: what a dynamic_cast to
+    /// CANTraceMessageBase gives, for one virtual call per frame instead of a type search.
+    virtual const CANTraceMessageBase* canFrame() const { return nullptr; }
 
     msgid_t getMessageId() const { return msgId; }
     timeStamp_t getTimeStamp() const { return timeStamp; }
-    const byteVec_t& getRawBytes() const { return rawBytes; }
+    const byteVec_t& getRawBytes() const;
     const std::string& getInvalidReason() const { return invalidReason; }
 
     /// Serialises the message into `out`, replacing its contents, and returns out.size().
@@ -96,7 +105,16 @@ class MessageBase {
     static uint32_t crc32(const uint8_t* data, size_t len, uint32_t crc = 0);
 
     /// Sets the bytes the message was parsed from (used by readers).
-    void setRawBytes(byteVec_t bytes) { rawBytes = std::move(bytes); }
+    void setRawBytes(byteVec_t bytes) {
+        rawBytes = std::move(bytes);
+        rawContent.clear();
+    }
+    /// Sets the decoded content (header, body, CRC) the message was parsed from; getRawBytes()
+    /// encodes it when first asked (used by readers).
+    void setRawContent(byteVec_t content) {
+        rawBytes.clear();
+        rawContent = std::move(content);
+    }
     void setInvalidReason(std::string reason) { invalidReason = std::move(reason); }
 
   protected:
@@ -109,9 +127,10 @@ class MessageBase {
 
   private:
     std::string invalidReason;
-    byteVec_t rawBytes;
+    mutable byteVec_t rawBytes;
     msgid_t msgId;
     timeStamp_t timeStamp;
+    mutable byteVec_t rawContent;
 };
 
 /// Writes msg.print(os).

@@ -72,16 +72,23 @@ bool knownCanType(uint8_t type) {
 
 // Checks the body of a CAN frame message; returns an empty text if it is valid.
 std::string checkCanBody(const uint8_t* body, size_t n) {
-    std::ostringstream reason;
     if (n < CAN_FIXED_BODY) {
-        reason << "CAN frame body of " << n << " bytes is shorter than " << CAN_FIXED_BODY;
-        return reason.str();
+        return "CAN frame body of " + std::to_string(n) + " bytes is shorter than " +
+               std::to_string(CAN_FIXED_BODY);
     }
     const uint8_t kind = body[1];
     const uint8_t status = body[2];
     const uint8_t type = body[3];
     const uint32_t id = getU32(body + 4);
     const size_t count = body[8];
+    // Every frame passes through here: the text stream is built only for a bad one.
+    const bool valid = count <= CAN_MAX_DATA && n == CAN_FIXED_BODY + count && kind < CF_NUM &&
+                       (status & 0x30) == 0 && (status & 0x0F) < CSE_NUM && knownCanType(type) &&
+                       CANTraceMessageBase::fixCanId(id, static_cast<cantype_t>(type)) == id;
+    if (valid) {
+        return std::string();
+    }
+    std::ostringstream reason;
     if (count > CAN_MAX_DATA) {
         reason << "CAN frame with " << count << " data bytes, more than " << CAN_MAX_DATA;
     } else if (n != CAN_FIXED_BODY + count) {
@@ -198,26 +205,40 @@ TraceMessageBuffer::TraceMessageBuffer(int fd, std::mutex* mutex)
       droppedBytes(0),
       droppedPieces(0),
       lastDropInHunt(false),
-      endOfInput(false) {}
+      endOfInput(false),
+      moreInput(false) {}
 
 TraceMessageBuffer::~TraceMessageBuffer() = default;
 
 int TraceMessageBuffer::read() {
+    return readDescriptor(true);
+}
+
+int TraceMessageBuffer::readAvailable() {
+    return readDescriptor(false);
+}
+
+int TraceMessageBuffer::readDescriptor(bool untilEmpty) {
     {
         // While a whole chunk of messages waits to be taken, the bytes stay in the descriptor:
         // a writer faster than its reader then waits there (the pipe's own limit) instead of
         // growing this buffer without bound.
         OptionalLock lock(mutex);
         if (queuedBytes >= READ_CHUNK_LIMIT) {
+            moreInput = true;
             return 0;
         }
     }
-    // The mode is looked up at every call: the owner may switch it after construction.
-    const int flags = ::fcntl(fd, F_GETFL);
-    if (flags < 0) {
-        return -1;
+    // read() looks the mode up at every call: the owner may switch it after construction.
+    // readAvailable() looks it up only after a full chunk (see below).
+    bool nonBlocking = false;
+    if (untilEmpty) {
+        const int flags = ::fcntl(fd, F_GETFL);
+        if (flags < 0) {
+            return -1;
+        }
+        nonBlocking = (flags & O_NONBLOCK) != 0;
     }
-    const bool nonBlocking = (flags & O_NONBLOCK) != 0;
 
     // The system call runs without the lock, so that a parsing thread is not held up by it;
     // each chunk is decoded under the lock.
@@ -226,39 +247,57 @@ int TraceMessageBuffer::read() {
     for (;;) {
         const size_t want = std::min(sizeof chunk, READ_CHUNK_LIMIT - total);
         const ssize_t n = ::read(fd, chunk, want);
+        const int readErrno = errno;
         if (n > 0) {
             {
                 OptionalLock lock(mutex);
                 decode(chunk, static_cast<size_t>(n));
             }
             total += static_cast<size_t>(n);
-            if (!nonBlocking || total >= READ_CHUNK_LIMIT) {
+            bool done = total >= READ_CHUNK_LIMIT;
+            if (!done && !untilEmpty) {
+                // A read that returns less than it asked for found the descriptor empty (pipes
+                // and stream sockets hand over all they hold): no further read() is made that
+                // could only report EAGAIN. After a full chunk, only a non-blocking descriptor
+                // is read again.
+                if (static_cast<size_t>(n) < want) {
+                    OptionalLock lock(mutex);
+                    moreInput = false;
+                    return static_cast<int>(total);
+                }
+                const int flags = ::fcntl(fd, F_GETFL);
+                nonBlocking = flags >= 0 && (flags & O_NONBLOCK) != 0;
+            }
+            done = done || !nonBlocking;
+            if (done) {
+                OptionalLock lock(mutex);
+                moreInput = true;
                 return static_cast<int>(total);
             }
             continue;
         }
+        OptionalLock lock(mutex);
+        moreInput = false;
         if (n == 0) {
-            {
-                OptionalLock lock(mutex);
-                if (!endOfInput) {
-                    endOfInput = true;
-                    endOfInputReached();
-                }
+            if (!endOfInput) {
+                endOfInput = true;
+                endOfInputReached();
             }
             // Bytes read before the end in this call are reported now; the end itself is
             // reported by the next call, which finds nothing more.
             return total > 0 ? static_cast<int>(total) : END_OF_INPUT;
         }
-        if (errno == EINTR) {
+        if (readErrno == EINTR) {
             continue;
         }
-        if (nonBlocking && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        if ((nonBlocking || !untilEmpty) && (readErrno == EAGAIN || readErrno == EWOULDBLOCK)) {
             return static_cast<int>(total);
         }
         if (total > 0) {
             // Keep what was read; a lasting failure shows again at the next call.
             return static_cast<int>(total);
         }
+        errno = readErrno;
         return -1;
     }
 }
@@ -379,18 +418,20 @@ void TraceMessageBuffer::finishFrame() {
     state = DS_HUNT;
     lastDropInHunt = false;
     const size_t n = frame.size();
-    std::ostringstream reason;
+    // The reason text is built only for a frame that is dropped.
+    std::string reason;
     if (n < MessageBase::HEADER_SIZE + MessageBase::CHECKSUM_SIZE) {
-        reason << "message of " << n << " bytes is shorter than the "
-               << MessageBase::HEADER_SIZE + MessageBase::CHECKSUM_SIZE << " of header and CRC";
+        reason = "message of " + std::to_string(n) + " bytes is shorter than the " +
+                 std::to_string(MessageBase::HEADER_SIZE + MessageBase::CHECKSUM_SIZE) +
+                 " of header and CRC";
     } else if (MessageBase::crc32(frame.data(), n - MessageBase::CHECKSUM_SIZE) !=
                getU32(frame.data() + n - MessageBase::CHECKSUM_SIZE)) {
-        reason << "checksum mismatch";
+        reason = "checksum mismatch";
     } else if (frame[OFF_VERSION] != MessageBase::formatVersion()) {
-        reason << "unsupported format version " << static_cast<unsigned>(frame[OFF_VERSION]);
+        reason = "unsupported format version " + std::to_string(frame[OFF_VERSION]);
     }
-    if (!reason.str().empty()) {
-        drop(frameBytes, reason.str(), true);
+    if (!reason.empty()) {
+        drop(frameBytes, reason, true);
         byteVec_t().swap(frame);
         frameBytes = 0;
         return;
@@ -485,17 +526,20 @@ MessageBase* TraceMessageBuffer::getNextMessage() {
         msg->setInvalidReason(reason);
     }
     // The encoding is canonical (exactly the reserved bytes are escaped), so encoding the
-    // content again restores the very bytes the message was read from.
-    byteVec_t raw;
-    raw.reserve(item.frameBytes);
-    MessageBase::appendFrame(item.content.data(), item.content.size(), raw);
-    msg->setRawBytes(std::move(raw));
+    // content again restores the very bytes the message was read from; the message does that
+    // only when getRawBytes() is asked for them.
+    msg->setRawContent(std::move(item.content));
     return msg.release();
 }
 
 bool TraceMessageBuffer::atEndOfInput() const {
     OptionalLock lock(mutex);
     return endOfInput;
+}
+
+bool TraceMessageBuffer::mayHaveMoreInput() const {
+    OptionalLock lock(mutex);
+    return moreInput;
 }
 
 bool TraceMessageBuffer::hasUnparsedInput() const {

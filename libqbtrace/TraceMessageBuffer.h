@@ -65,6 +65,15 @@ class TraceMessageBuffer {
     /// short and the run of dropped bytes is reported.
     int read();
 
+    /// Like read(), for a reader that waits for readiness (select, poll) before each call: it
+    /// stops at the first read() that returns less than it asked for, since that one found the
+    /// descriptor empty (pipes and stream sockets hand over all they hold), instead of making
+    /// one more that could only report EAGAIN or the end of file. The mode of the descriptor is
+    /// looked up only after a full chunk, to know whether to read on. So an end of file that
+    /// follows bytes is reported by a later call (the descriptor stays readable for it). Meant
+    /// for pipes and stream sockets, not for datagram sockets.
+    int readAvailable();
+
     /// Decodes bytes as if they had been read (for callers that get the bytes elsewhere, and
     /// for tests and fuzzers).
     void feed(const uint8_t* data, size_t len);
@@ -79,6 +88,10 @@ class TraceMessageBuffer {
     bool atEndOfInput() const;
     /// True if getNextMessage() would return a message or throw without a further read().
     bool hasUnparsedInput() const;
+    /// True if the last read() or readAvailable() may have left bytes in the descriptor: it
+    /// stopped at READ_CHUNK_LIMIT, or before reading because enough messages waited, or after
+    /// one read() of a blocking descriptor. False after one that emptied it or met its end.
+    bool mayHaveMoreInput() const;
     /// Bytes held for messages not yet returned: the frames of the queued messages and the
     /// bytes of the message arriving (dropped bytes are not held).
     size_t bufferedBytes() const;
@@ -96,6 +109,7 @@ class TraceMessageBuffer {
         std::string report;  // the text of a run of dropped bytes
     };
 
+    int readDescriptor(bool untilEmpty);
     void decode(const uint8_t* data, size_t len);
     void startFrame();
     void finishFrame();
@@ -116,4 +130,5 @@ class TraceMessageBuffer {
     bool lastDropInHunt;
     std::string firstDropReason;
     bool endOfInput;
+    bool moreInput;  // see mayHaveMoreInput()
 };
