@@ -1,6 +1,7 @@
 #include "libqbtrace/MessageBase.h"
 
 #include <array>
+#include <cstring>
 #include <sstream>
 
 #include "libqbutil/QBException.h"
@@ -11,20 +12,41 @@ const uint8_t MessageBase::version;
 
 namespace {
 
-// Byte-wise table of the reflected CRC-32 polynomial 0xEDB88320, built at compile time.
-constexpr std::array<uint32_t, 256> makeCrcTable() {
-    std::array<uint32_t, 256> table{};
+// Tables of the reflected CRC-32 polynomial 0xEDB88320, built at compile time: table 0 is the
+// byte-wise table; table k gives the effect of a byte followed by k zero bytes, so that four
+// bytes are folded in with four look-ups ("slicing by four").
+using CrcTables = std::array<std::array<uint32_t, 256>, 4>;
+
+constexpr CrcTables makeCrcTables() {
+    CrcTables tables{};
     for (uint32_t i = 0; i < 256; ++i) {
         uint32_t c = i;
         for (int bit = 0; bit < 8; ++bit) {
             c = (c & 1u) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
         }
-        table[i] = c;
+        tables[0][i] = c;
     }
+    for (uint32_t i = 0; i < 256; ++i) {
+        for (size_t k = 1; k < 4; ++k) {
+            const uint32_t prev = tables[k - 1][i];
+            tables[k][i] = tables[0][prev & 0xFFu] ^ (prev >> 8);
+        }
+    }
+    return tables;
+}
+
+constexpr CrcTables crcTables = makeCrcTables();
+
+// True for the bytes that are escaped inside a frame (FRAME_START, FRAME_END, FRAME_ESCAPE).
+constexpr std::array<bool, 256> makeReservedTable() {
+    std::array<bool, 256> table{};
+    table[MessageBase::FRAME_START] = true;
+    table[MessageBase::FRAME_END] = true;
+    table[MessageBase::FRAME_ESCAPE] = true;
     return table;
 }
 
-constexpr std::array<uint32_t, 256> crcTable = makeCrcTable();
+constexpr std::array<bool, 256> reservedByte = makeReservedTable();
 
 /// Capacity of the per-thread serialising buffer that is kept between calls.
 constexpr size_t SCRATCH_KEPT = 64 * 1024;
@@ -125,20 +147,26 @@ size_t MessageBase::createByteArray(byteVec_t& out, bool withHeader, bool withCh
 }
 
 void MessageBase::appendFrame(const uint8_t* content, size_t n, byteVec_t& out) {
-    // Sized once for the worst case (every byte escaped) and trimmed after, so the loop writes
-    // through a pointer instead of growing the vector a byte at a time.
+    // Sized once for the worst case (every byte escaped) and trimmed after; runs of plain bytes
+    // are copied whole.
     const size_t start = out.size();
     out.resize(start + 2 * n + 2);
     uint8_t* q = out.data() + start;
     *q++ = FRAME_START;
-    for (size_t i = 0; i < n; ++i) {
-        const uint8_t b = content[i];
-        if (b == FRAME_START || b == FRAME_END || b == FRAME_ESCAPE) {
-            *q++ = FRAME_ESCAPE;
-            *q++ = static_cast<uint8_t>(b ^ ESCAPE_XOR);
-        } else {
-            *q++ = b;
+    size_t i = 0;
+    while (i < n) {
+        size_t j = i;
+        while (j < n && !reservedByte[content[j]]) {
+            ++j;
         }
+        std::memcpy(q, content + i, j - i);
+        q += j - i;
+        if (j == n) {
+            break;
+        }
+        *q++ = FRAME_ESCAPE;
+        *q++ = static_cast<uint8_t>(content[j] ^ ESCAPE_XOR);
+        i = j + 1;
     }
     *q++ = FRAME_END;
     out.resize(static_cast<size_t>(q - out.data()));
@@ -146,8 +174,16 @@ void MessageBase::appendFrame(const uint8_t* content, size_t n, byteVec_t& out) 
 
 uint32_t MessageBase::crc32(const uint8_t* data, size_t len, uint32_t crc) {
     uint32_t c = crc ^ 0xFFFFFFFFu;
-    for (size_t i = 0; i < len; ++i) {
-        c = crcTable[(c ^ data[i]) & 0xFFu] ^ (c >> 8);
+    size_t i = 0;
+    for (; i + 4 <= len; i += 4) {
+        c ^= static_cast<uint32_t>(data[i]) | (static_cast<uint32_t>(data[i + 1]) << 8) |
+             (static_cast<uint32_t>(data[i + 2]) << 16) |
+             (static_cast<uint32_t>(data[i + 3]) << 24);
+        c = crcTables[3][c & 0xFFu] ^ crcTables[2][(c >> 8) & 0xFFu] ^
+            crcTables[1][(c >> 16) & 0xFFu] ^ crcTables[0][c >> 24];
+    }
+    for (; i < len; ++i) {
+        c = crcTables[0][(c ^ data[i]) & 0xFFu] ^ (c >> 8);
     }
     return c ^ 0xFFFFFFFFu;
 }

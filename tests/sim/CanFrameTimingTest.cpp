@@ -10,6 +10,8 @@
 // extended one (1 + 11 + 1 + 1 + 18 + 1 + 1 + 1 + 4 + 15).
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include <cstdint>
 #include <stdexcept>
 #include <vector>
@@ -188,4 +190,35 @@ TEST(CanFrameTiming, RefusesBadArguments) {
     EXPECT_THROW(CanFrameTiming::frameTimeNs(100, 0), std::invalid_argument);
     EXPECT_NO_THROW(CanFrameTiming::frameBits(0x7FF, false, nullptr, 0));
     EXPECT_NO_THROW(CanFrameTiming::frameBits(0x1FFFFFFF, true, data, 8));
+}
+
+// frameBits() counts on packed bytes through tables; the bit-by-bit functions are the
+// reference: both must agree on every frame, stuffing-heavy ones included.
+TEST(CanFrameTiming, FrameBitsAgreesWithTheBitByBitCount) {
+    std::mt19937 random(12345);
+    const uint8_t patterns[] = {0x00, 0xFF, 0x0F, 0xF0, 0x55, 0xAA, 0x07, 0xF8};
+    for (int round = 0; round < 20000; ++round) {
+        const bool extended = round % 3 == 0;
+        const uint32_t id = extended
+                                ? static_cast<uint32_t>(random()) & CanFrameTiming::MAX_EXTENDED_ID
+                                : static_cast<uint32_t>(random()) & CanFrameTiming::MAX_STANDARD_ID;
+        const auto len = static_cast<uint8_t>(random() % 9);
+        uint8_t data[8];
+        for (auto& byte : data) {
+            byte = round % 2 == 0 ? static_cast<uint8_t>(random())
+                                  : patterns[random() % sizeof patterns];
+        }
+        uint8_t bits[CanFrameTiming::MAX_HEAD_BITS + 15];
+        size_t n = CanFrameTiming::headBits(id, extended, data, len, bits);
+        const uint16_t crc = CanFrameTiming::crc15(bits, n);
+        for (unsigned b = 15; b > 0; --b) {
+            bits[n++] = static_cast<uint8_t>((crc >> (b - 1)) & 1u);
+        }
+        const uint32_t expected = static_cast<uint32_t>(n) +
+                                  CanFrameTiming::stuffBitCount(bits, n) +
+                                  CanFrameTiming::TRAILER_BITS;
+        ASSERT_EQ(CanFrameTiming::frameBits(id, extended, data, len), expected)
+            << "id 0x" << std::hex << id << (extended ? " extended" : " standard") << std::dec
+            << " len " << static_cast<unsigned>(len);
+    }
 }
