@@ -398,6 +398,17 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
                                      f.extended ? CT_EXTENDED : CT_STANDARD, f.length, f.id,
                                      f.data);
         msg.createByteArray(frameBytes, true, false);
+        if (!cfg.timed) {
+            // A batch stays within one atomic pipe write, so a receiver that stops reading
+            // holds up at most one batch of frames that are not yet counted.
+            bool full = false;
+            for (const auto& node : nodes) {
+                full = full || node->batch.size() + frameBytes.size() > DELIVERY_BATCH_LIMIT;
+            }
+            if (full) {
+                flushDeliveries();
+            }
+        }
         for (size_t i = 0; i < nodes.size(); ++i) {
             if (static_cast<int>(i) == tx.sender || outcome[i] == OUTCOME_MISSED) {
                 continue;
@@ -419,13 +430,6 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
         // Counted when the gathered frames have been written (flushDeliveries()).
         finished.push_back(Finished{tx.sender, f.bits, lost});
         finishedOutcomes.insert(finishedOutcomes.end(), outcome.begin(), outcome.end());
-        bool full = false;
-        for (const auto& node : nodes) {
-            full = full || node->batch.size() >= DELIVERY_BATCH_LIMIT;
-        }
-        if (full) {
-            flushDeliveries();
-        }
         std::lock_guard<std::mutex> lock(stateMutex);
         currentSender = -1;
         return;

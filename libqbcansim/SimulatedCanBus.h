@@ -161,8 +161,9 @@ class SimulatedCanBus : public Thread {
 
     /// Most frames a node's FIFO holds before the bus stops reading from that node.
     static constexpr size_t MAX_PENDING_FRAMES = 4096;
-    /// Fast mode: bytes of frames gathered for one node before they are written.
-    static constexpr size_t DELIVERY_BATCH_LIMIT = 32 * 1024;
+    /// Fast mode: most bytes of frames gathered for one node before they are written (PIPE_BUF
+    /// on Linux: one batch is one atomic write into a pipe).
+    static constexpr size_t DELIVERY_BATCH_LIMIT = 4096;
 
     /// A bus with the default Config.
     SimulatedCanBus();

@@ -597,11 +597,12 @@ TEST(SimulatedCanBus, DeliveryToAClosedInputIsCountedAndLoggedOnce) {
 }
 
 TEST(SimulatedCanBus, StopEndsABusWaitingForRoomInAFullInput) {
-    // B never reads its input: once that pipe is full (64 KiB: at most 1985 frame messages of 33
-    // bytes; select() reports room only for a whole free page, so the bus waits from about 1860
-    // on) the bus waits for room; stop() must still end it. The writes below do not block: what
-    // the bus has not taken yet fits into the proxy pipe.
-    const unsigned count = 2500;
+    // B never reads its input: once that pipe is full (64 KiB: at most 2512 frame messages of 26
+    // bytes; select() reports room only for a whole free page) the bus waits for room; stop()
+    // must still end it. 4000 frames are well beyond what the pipe takes, so the bus is held up
+    // however fast it forwards. The writes below do not block: what the bus has not taken yet
+    // (at most 4000 - 2512 frames) fits into the proxy pipe.
+    const unsigned count = 4000;
     Endpoint a, b;
     SimulatedCanBus bus(fastConfig());
     bus.addNode(a.inputFd(), "A");
