@@ -228,6 +228,7 @@ void expectMachine(const JsonLeaves& json) {
         ASSERT_EQ(json.strings.count(key), 1u) << key;
         EXPECT_FALSE(json.strings.at(key).empty()) << key;
     }
+    EXPECT_EQ(json.strings.count("machine.sanitizers"), 1u);  // empty without sanitizers
     expectPositive(json, "machine.cores");
     EXPECT_EQ(json.literals.count("quick"), 1u);
 }
@@ -331,8 +332,9 @@ TEST(CantpBench, TextReportShowsEachPartAsAnAlignedTable) {
     ASSERT_EQ(bench.wait(120s), 0) << bench.errText();
     const std::vector<std::string> out = bench.outLines();
     ASSERT_GE(out.size(), 6u);
-    EXPECT_TRUE(std::regex_match(out[0], std::regex(R"(cantp bench: qbcantp \S+ \(.+ build\); .+, )"
-                                                    R"([0-9]+ cores, Linux .+; --quick: .+)")))
+    EXPECT_TRUE(std::regex_match(
+        out[0], std::regex(R"(cantp bench: qbcantp \S+ \(.+ build(, sanitizers \S+)?\); .+, )"
+                           R"([0-9]+ cores, Linux .+; --quick: .+)")))
         << out[0];
     // The part's header row names the units; the row below holds the figures under them.
     size_t header = 0;

@@ -41,6 +41,9 @@
 #ifndef QB_BUILD_TYPE
 #define QB_BUILD_TYPE ""
 #endif
+#ifndef QB_BUILD_SANITIZE
+#define QB_BUILD_SANITIZE ""
+#endif
 
 namespace {
 
@@ -651,6 +654,8 @@ struct Machine {
     long cores = 0;
     std::string kernel = "unknown";
     std::string buildType = "unknown";
+    /// The sanitizers cantp was built with (they slow everything down); empty for none.
+    std::string sanitizers;
 };
 
 Machine machineFacts() {
@@ -681,6 +686,7 @@ Machine machineFacts() {
     if (std::strlen(QB_BUILD_TYPE) > 0) {
         m.buildType = QB_BUILD_TYPE;
     }
+    m.sanitizers = QB_BUILD_SANITIZE;
     return m;
 }
 
@@ -749,7 +755,8 @@ std::string jsonNumber(double value, int decimals) {
 }
 
 void printTextHeader(std::ostream& os, const Machine& m, const Options& opt) {
-    os << "cantp bench: qbcantp " << QB_VERSION << " (" << m.buildType << " build); " << m.cpuModel
+    os << "cantp bench: qbcantp " << QB_VERSION << " (" << m.buildType << " build"
+       << (m.sanitizers.empty() ? "" : ", sanitizers " + m.sanitizers) << "); " << m.cpuModel
        << ", " << m.cores << " cores, Linux " << m.kernel
        << (opt.quick ? "; --quick: short runs" : "") << "\n";
 }
@@ -844,6 +851,7 @@ void printJson(std::ostream& os, const Machine& m, const Options& opt, const Res
     os << "  \"machine\": {\"cpu_model\": " << jsonString(m.cpuModel) << ", \"cores\": " << m.cores
        << ", \"kernel\": " << jsonString(m.kernel)
        << ", \"build_type\": " << jsonString(m.buildType)
+       << ", \"sanitizers\": " << jsonString(m.sanitizers)
        << ", \"cantp_version\": " << jsonString(QB_VERSION) << "},\n";
     os << "  \"quick\": " << (opt.quick ? "true" : "false");
     auto latency = [&](const Latency& l, const char* countKey) {
@@ -1023,7 +1031,7 @@ void BenchCommand::printHelp(std::ostream& os) {
           "                          memory)\n"
           "      --json              the same figures as one JSON object: stable keys, numbers\n"
           "                          as numbers, and the machine (CPU model, cores, kernel\n"
-          "                          release, build type)\n"
+          "                          release, build type and sanitizers)\n"
           "  -h, --help              this text\n"
           "\n"
           "Examples:\n"
