@@ -53,12 +53,12 @@ using Clock = std::chrono::steady_clock;
 /// payload after five tries of at most about a second each).
 constexpr std::chrono::seconds kPayloadDeadline{10};
 
-const char* const kParts[] = {"roundtrip", "fc", "throughput", "goodput", "memory"};
+const char* const kPartNames[] = {"roundtrip", "fc", "throughput", "goodput", "memory"};
 
 struct Options {
     bool quick = false;
     bool json = false;
-    /// Which of kParts to run, in kParts' order.
+    /// Which of kPartNames to run, in that order.
     bool run[5] = {true, true, true, true, true};
 };
 
@@ -764,7 +764,7 @@ void printTextHeader(std::ostream& os, const Machine& m, const Options& opt) {
 void printTextPart(std::ostream& os, int part, const Results& r) {
     os << "\n";
     if (!r.errors[part].empty()) {
-        os << kParts[part] << ": FAILED: " << r.errors[part] << "\n";
+        os << kPartNames[part] << ": FAILED: " << r.errors[part] << "\n";
         return;
     }
     switch (part) {
@@ -863,7 +863,7 @@ void printJson(std::ostream& os, const Machine& m, const Options& opt, const Res
         if (!opt.run[part]) {
             continue;
         }
-        os << ",\n  \"" << kParts[part] << "\": ";
+        os << ",\n  \"" << kPartNames[part] << "\": ";
         if (!r.errors[part].empty()) {
             os << "{\"error\": " << jsonString(r.errors[part]) << "}";
             continue;
@@ -951,15 +951,15 @@ Options parseOptions(int argc, char** argv, int first, bool& help) {
             std::string name;
             bool any = false;
             while (std::getline(names, name, ',')) {
-                const auto found = std::find_if(std::begin(kParts), std::end(kParts),
+                const auto found = std::find_if(std::begin(kPartNames), std::end(kPartNames),
                                                 [&](const char* p) { return name == p; });
-                if (found == std::end(kParts)) {
+                if (found == std::end(kPartNames)) {
                     throw UsageError(
                         "--only takes parts among roundtrip, fc, throughput, "
                         "goodput and memory, separated by commas, not '" +
                         name + "'");
                 }
-                opt.run[found - std::begin(kParts)] = true;
+                opt.run[found - std::begin(kPartNames)] = true;
                 any = true;
             }
             if (!any) {
@@ -984,7 +984,7 @@ void BenchCommand::printHelp(std::ostream& os) {
           "Every delivered payload is compared with what was sent. No figure is compared with\n"
           "a limit: exit status 0 when every part ran to its end, 1 if one failed.\n"
           "\n"
-          "Parts, in this order:\n"
+          "What it measures, in this order:\n"
           "  roundtrip   a 7-byte payload (one single frame) written into A's input, delivered\n"
           "              by B, until A's status callback reports CTT_ACKNOWLEDGED; the next is\n"
           "              written only after that report, so the 10 ms pause the protocol makes\n"
