@@ -51,11 +51,65 @@ TEST(CantpDemo, FastRunVerifiesEveryPayloadAndExitsZero) {
               "status    0x7E0 CTT_ACKNOWLEDGED 50; 0x7E0 CTT_CONNECTED 1; 0x7E8 CTT_ACKNOWLEDGED "
               "50; 0x7E8 CTT_CONNECTED 1;");
     EXPECT_EQ(summaryLine(out, "result"), "result    every payload verified");
-    EXPECT_TRUE(std::regex_match(summaryLine(out, "goodput"),
-                                 std::regex(R"(goodput   [0-9]+ B/s in [0-9.]+ s = [0-9.]+ % of )"
-                                            R"(the 31532 B/s of payload the bus could carry)")))
-        << summaryLine(out, "goodput");
     EXPECT_TRUE(demo.errLines().empty());
+}
+
+TEST(CantpDemo, FastRunReportsRatesAndCpuPerFrameInsteadOfBusLoad) {
+    Subprocess demo(qbtest::cantpPath(), {"demo", "--fast", "--payloads", "30", "--seed", "3"});
+    ASSERT_EQ(demo.wait(60s), 0);
+    const std::vector<std::string> out = demo.outLines();
+
+    // No bus time is simulated: neither a bus load nor a share of the bus's capacity.
+    EXPECT_EQ(summaryLine(out, "bus load"), "");
+    EXPECT_EQ(summaryLine(out, "goodput"), "");
+    for (const std::string& line : out) {
+        EXPECT_EQ(line.find('%'), std::string::npos) << line;
+    }
+
+    std::smatch frames;
+    const std::string framesLine = summaryLine(out, "frames");
+    ASSERT_TRUE(
+        std::regex_search(framesLine, frames, std::regex(R"(^frames    ([0-9,]+) carried)")))
+        << framesLine;
+    std::string carried = frames[1];
+    carried.erase(std::remove(carried.begin(), carried.end(), ','), carried.end());
+
+    const std::string rate = summaryLine(out, "rate");
+    std::smatch r;
+    ASSERT_TRUE(std::regex_match(rate, r,
+                                 std::regex(R"(rate      ([0-9]+) frames/s, ([0-9]+) payload B/s )"
+                                            R"(in ([0-9]+\.[0-9]{2}) s \(fast mode: no bus time )"
+                                            R"(to compare with\))")))
+        << rate;
+    const double framesPerSecond = std::stod(r[1]);
+    const double bytesPerSecond = std::stod(r[2]);
+    const double seconds = std::stod(r[3]);
+    EXPECT_GT(framesPerSecond, 0);
+    EXPECT_GT(bytesPerSecond, 0);
+    // The rates are the run's counts over its time (printed to 10 ms).
+    const std::string bytesLine = summaryLine(out, "bytes");
+    std::smatch b;
+    ASSERT_TRUE(std::regex_search(bytesLine, b, std::regex(R"(verified ([0-9,]+))"))) << bytesLine;
+    std::string verified = b[1];
+    verified.erase(std::remove(verified.begin(), verified.end(), ','), verified.end());
+    if (seconds >= 0.05) {
+        EXPECT_NEAR(framesPerSecond * seconds, std::stod(carried), 0.2 * std::stod(carried));
+        EXPECT_NEAR(bytesPerSecond * seconds, std::stod(verified), 0.2 * std::stod(verified));
+    }
+
+    const std::string cpu = summaryLine(out, "cpu");
+    std::smatch c;
+    ASSERT_TRUE(std::regex_match(cpu, c,
+                                 std::regex(R"(cpu       ([0-9]+\.[0-9]{2}) us per frame \(user )"
+                                            R"(\+ system time of the whole process ([0-9.]+) s )"
+                                            R"(over ([0-9]+) frames\))")))
+        << cpu;
+    EXPECT_EQ(c[3].str(), carried);
+    const double cpuSeconds = std::stod(c[2]);
+    EXPECT_GT(cpuSeconds, 0);
+    // Printed to 0.01 us and 1 ms: the figure is the time over the frames within that rounding.
+    const double frameCount = std::stod(carried);
+    EXPECT_NEAR(std::stod(c[1]), cpuSeconds * 1e6 / frameCount, 0.006 + 0.0005 * 1e6 / frameCount);
 }
 
 TEST(CantpDemo, SameSeedGivesTheSameTrafficAndOtherSeedOther) {
@@ -80,6 +134,17 @@ TEST(CantpDemo, TimedRunWritesACandumpLogThatDecodesToTheSamePayloads) {
     ASSERT_EQ(demo.wait(60s), 0);
     const std::vector<std::string> out = demo.outLines();
     EXPECT_EQ(summaryLine(out, "result"), "result    every payload verified");
+    // A timed bus has a bus time to compare with: the load and the share of its capacity.
+    EXPECT_TRUE(std::regex_match(summaryLine(out, "bus load"),
+                                 std::regex(R"(bus load  [0-9]+\.[0-9] % \(busy [0-9.]+ s of )"
+                                            R"([0-9.]+ s\))")))
+        << summaryLine(out, "bus load");
+    EXPECT_TRUE(std::regex_match(summaryLine(out, "goodput"),
+                                 std::regex(R"(goodput   [0-9]+ B/s in [0-9.]+ s = [0-9.]+ % of )"
+                                            R"(the 31532 B/s of payload the bus could carry)")))
+        << summaryLine(out, "goodput");
+    EXPECT_EQ(summaryLine(out, "rate"), "");
+    EXPECT_EQ(summaryLine(out, "cpu"), "");
 
     // Every line of the tap is a candump -L line of a standard frame with 8 data bytes.
     std::ifstream in(log);

@@ -25,6 +25,7 @@
 
 #include "ArgumentReader.h"
 #include "MessagePump.h"
+#include "ProcessUsage.h"
 #include "SocketCanArguments.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/PcapWriter.h"
@@ -630,7 +631,9 @@ void DemoCommand::printHelp(std::ostream& os) {
           "  -b, --bitrate BPS    bus bit rate (default 500000)\n"
           "  -l, --loss P         probability that a frame is lost on the bus (default 0)\n"
           "  -s, --seed S         seed of payload contents, sizes and bus faults (default 1)\n"
-          "  -f, --fast           no bus timing: frames are delivered at once\n"
+          "  -f, --fast           no bus timing: frames are delivered at once; the summary\n"
+          "                       shows frames/s, payload B/s and CPU time per frame instead\n"
+          "                       of bus load and goodput\n"
           "      --duplex         both endpoints send a stream of N payloads at the same time;\n"
           "                       the protocol is not made for this: the summary shows what\n"
           "                       happens, and the exit status is 0 when the run completed\n"
@@ -700,6 +703,7 @@ int DemoCommand::run(int argc, char** argv, int first) {
     SocketCanProxy::Statistics proxyStats[2];
     std::string proxyFailure;
     double seconds = 0.0;
+    ProcessUsage used;
     {
         std::streambuf* saved = nullptr;
         {
@@ -709,10 +713,12 @@ int DemoCommand::run(int argc, char** argv, int first) {
         try {
             Conversation conversation(opt, opt.logFile.empty() ? nullptr : &tap, pcapTap.get());
             ProgressBar progress(2ul * opt.payloads);
+            const ProcessUsage usageBefore = ProcessUsage::now();
             const auto start = Clock::now();
             tally = opt.duplex ? conversation.runDuplex(progress)
                                : conversation.runRequestResponse(progress);
             seconds = std::chrono::duration<double>(Clock::now() - start).count();
+            used = ProcessUsage::now().since(usageBefore);
             progress.finish();
             stats = conversation.busStatistics();
             onSocketCan = conversation.proxyStatistics(proxyStats);
@@ -764,14 +770,29 @@ int DemoCommand::run(int argc, char** argv, int first) {
             out << "  node " << node.name << ": " << grouped(node.framesSent) << " frames sent, "
                 << grouped(node.framesReceived) << " received\n";
         }
-        out << std::setprecision(1) << "bus load  " << stats.loadPercent << " % (busy "
-            << std::setprecision(3) << stats.busyNs / 1e9 << " s of " << stats.elapsedNs / 1e9
-            << " s)\n";
+        if (!opt.fast) {
+            out << std::setprecision(1) << "bus load  " << stats.loadPercent << " % (busy "
+                << std::setprecision(3) << stats.busyNs / 1e9 << " s of " << stats.elapsedNs / 1e9
+                << " s)\n";
+        }
     }
-    out << std::setprecision(0) << "goodput   " << goodput << " B/s in " << std::setprecision(2)
-        << seconds << " s = " << std::setprecision(1) << (100.0 * goodput / capacity)
-        << " % of the " << std::setprecision(0) << capacity
-        << " B/s of payload the bus could carry\n";
+    if (opt.fast) {
+        // Fast mode simulates no bus time, so a load or a share of the bus's capacity would be
+        // measured against nothing: what it measures is the rate and its CPU cost.
+        const double frames = static_cast<double>(stats.framesCarried);
+        out << std::setprecision(0) << "rate      " << (seconds > 0 ? frames / seconds : 0)
+            << " frames/s, " << goodput << " payload B/s in " << std::setprecision(2) << seconds
+            << " s (fast mode: no bus time to compare with)\n";
+        out << std::setprecision(2) << "cpu       "
+            << (frames > 0 ? used.cpuSeconds * 1e6 / frames : 0) << " us per frame (user + "
+            << "system time of the whole process " << std::setprecision(3) << used.cpuSeconds
+            << " s over " << stats.framesCarried << " frames)\n";
+    } else {
+        out << std::setprecision(0) << "goodput   " << goodput << " B/s in " << std::setprecision(2)
+            << seconds << " s = " << std::setprecision(1) << (100.0 * goodput / capacity)
+            << " % of the " << std::setprecision(0) << capacity
+            << " B/s of payload the bus could carry\n";
+    }
     out << "retries   " << retries << "\n";
     out << "status   ";
     if (tally.statuses.empty()) {

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ArgumentReader.h"
+#include "BenchCommand.h"
 #include "ConvertCommand.h"
 #include "DecodeCommand.h"
 #include "DemoCommand.h"
@@ -29,6 +30,8 @@ void printUsage(std::ostream& os) {
           "  dump       the live transport view of a SocketCAN interface (like isotpdump)\n"
           "  convert    candump log to pcap capture and back\n"
           "  soak       many payloads over lossy simulated buses, every delivery classified\n"
+          "  bench      end-to-end performance figures: latency, flow-control response,\n"
+          "             throughput, goodput against the protocol's limit, memory\n"
           "\n"
           "'cantp <command> --help' describes each command; 'cantp --version' prints the\n"
           "version. Manual: docs/cantp.md, 'man cantp'\n";
@@ -74,6 +77,9 @@ int main(int argc, char** argv) {
         }
         if (command == "soak") {
             return SoakCommand::run(argc, argv, 2);
+        }
+        if (command == "bench") {
+            return BenchCommand::run(argc, argv, 2);
         }
         throw UsageError("unknown command '" + command + "'");
     } catch (const UsageError& e) {
