@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # build-initramfs.sh --kernel ENTRY --guest DIR --out FILE [--bin PATH]... [--module NAME]...
+#                    [--env-file FILE]
 #
 # Builds the VM test's initramfs (an uncompressed cpio archive in newc format: under software
 # emulation, decompressing costs more than reading a larger archive) holding:
 #   /init, /lib/qbvm/*    the guest side from DIR (DIR/init and DIR/lib/*)
 #   /checks/*             the check scripts from DIR/checks, run by /init in name order
+#   /lib/qbvm/env         the --env-file, sourced by /init (the checks' variables)
 #   /bin/busybox          the shell and the small tools (busybox-static)
 #   can-utils and tc      candump, cansend, cangen, canplayer and iproute2's tc
 #   every --bin PATH      at /usr/bin/NAME (e.g. the cantp tool under test)
@@ -18,7 +20,7 @@ set -euo pipefail
 
 die() { echo "build-initramfs: $*" >&2; exit 1; }
 
-kernel='' guest='' out=''
+kernel='' guest='' out='' env_file=''
 bins=()
 modules=()
 while [ $# -gt 0 ]; do
@@ -28,6 +30,7 @@ while [ $# -gt 0 ]; do
         --out) out=$2; shift 2 ;;
         --bin) bins+=("$2"); shift 2 ;;
         --module) modules+=("$2"); shift 2 ;;
+        --env-file) env_file=$2; shift 2 ;;
         *) die "unknown argument '$1'" ;;
     esac
 done
@@ -108,6 +111,9 @@ if [ -d "$guest/checks" ]; then
     cp "$guest"/checks/* "$root/checks/"
 fi
 cat "$kernel/release" >"$root/lib/qbvm/release"
+if [ -n "$env_file" ]; then
+    cp "$env_file" "$root/lib/qbvm/env"
+fi
 
 (cd "$root" && find . -print0 | LC_ALL=C sort -z | cpio --null -o -H newc --quiet --owner=0:0) >"$out.tmp"
 mv "$out.tmp" "$out"

@@ -20,9 +20,14 @@
 #   --smp N             virtual processors (default 1: each takes a host core under emulation)
 #   --host-root         share the host's root file system read-only with the guest (9p), mounted
 #                       at /host; checks can run host programs such as /usr/bin/python3 there
+#                       (in 'chroot /host', where host paths hold: QB_HOST_CANTP is then the
+#                       absolute host path of the cantp tool under test)
+#   --env NAME=VALUE    set NAME to VALUE in the environment of every check (repeatable; VALUE
+#                       of letters, digits and . _ / : , = + @ -)
 #   -h, --help          this text
 #
-# Environment: QB_VM_CACHE (the kernel cache, see fetch-kernel.sh).
+# Environment: QB_VM_CACHE (the kernel cache, see fetch-kernel.sh); QB_REQUIRE_PYTHON, if set,
+# is passed to the checks (1: the Python check fails instead of skipping when it cannot run).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 repo=$(cd "$here/../.." && pwd)
@@ -43,9 +48,10 @@ out=
 time_limit=600
 smp=1
 host_root=
+envs=()
 while [ $# -gt 0 ]; do
     case $1 in
-        --cantp | --bin | --checks | --only | --out | --time-limit | --smp)
+        --cantp | --bin | --checks | --only | --out | --time-limit | --smp | --env)
             [ $# -ge 2 ] || bad_usage "option '$1' needs a value"
             case $1 in
                 --cantp) cantp=$2 ;;
@@ -55,6 +61,11 @@ while [ $# -gt 0 ]; do
                 --out) out=$2 ;;
                 --time-limit) time_limit=$2 ;;
                 --smp) smp=$2 ;;
+                --env)
+                    [[ $2 =~ ^[A-Za-z_][A-Za-z0-9_]*=[A-Za-z0-9._/:,=+@-]*$ ]] ||
+                        bad_usage "--env takes NAME=VALUE, VALUE of letters, digits and . _ / : , = + @ -"
+                    envs+=("$2")
+                    ;;
             esac
             shift 2
             ;;
@@ -77,6 +88,14 @@ if [ "${#missing[@]}" -gt 0 ]; then
     die "missing programs; install them with: apt-get install -y --no-install-recommends ${missing[*]}"
 fi
 [ -x "$cantp" ] || die "no cantp tool at $cantp: build it (cmake --build build/default --target cantp) or give --cantp PATH"
+cantp=$(cd "$(dirname "$cantp")" && pwd)/$(basename "$cantp")
+if [ -n "$host_root" ]; then
+    envs+=("QB_HOST_CANTP=$cantp")
+fi
+if [ -n "${QB_REQUIRE_PYTHON:-}" ]; then
+    [[ $QB_REQUIRE_PYTHON =~ ^[A-Za-z0-9]*$ ]] || die "QB_REQUIRE_PYTHON must be a word (e.g. 1)"
+    envs+=("QB_REQUIRE_PYTHON=$QB_REQUIRE_PYTHON")
+fi
 
 if [ -z "$out" ]; then
     out=$(mktemp -d "${TMPDIR:-/tmp}/qbcantp-vm.XXXXXX")
@@ -86,7 +105,11 @@ else
     out=$(cd "$out" && pwd)
     keep_out=1
 fi
-rm -f "$out"/{console.log,details.log,summary.txt,initramfs.cpio}
+rm -f "$out"/{console.log,details.log,summary.txt,initramfs.cpio,guest.env}
+# The checks' variables, sourced by the guest's /init (values checked above: nothing to quote).
+for e in "${envs[@]}"; do
+    echo "export ${e%%=*}='${e#*=}'"
+done >"$out/guest.env"
 
 now() { date +%s.%N; }
 seconds_since() { awk -v a="$1" -v b="$(now)" 'BEGIN { printf "%.1f", b - a }'; }
@@ -102,12 +125,15 @@ qemu_extra=()
 if [ -n "$host_root" ]; then
     modules+=(virtio_pci 9pnet_virtio 9p)
     append+=" qbvm.hostroot=hostroot"
-    qemu_extra+=(-virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on")
+    # multidevs=remap: the host's root spans several file systems; 9p keeps their inode
+    # numbers apart.
+    qemu_extra+=(-virtfs "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap")
 fi
 [ -z "$only" ] || append+=" qbvm.only=$only"
 
 t1=$(now)
-build_args=(--kernel "$kernel" --guest "$guest" --out "$out/initramfs.cpio" --bin "$cantp")
+build_args=(--kernel "$kernel" --guest "$guest" --out "$out/initramfs.cpio" --bin "$cantp"
+    --env-file "$out/guest.env")
 for b in "${bins[@]}"; do build_args+=(--bin "$b"); done
 for m in "${modules[@]}"; do build_args+=(--module "$m"); done
 "$here/build-initramfs.sh" "${build_args[@]}"
@@ -123,7 +149,7 @@ timeout -k 10 "$time_limit" qemu-system-x86_64 \
     -serial "file:$out/console.log" -serial "file:$out/details.log" \
     "${qemu_extra[@]}" || qemu_status=$?
 t_qemu=$(seconds_since "$t2")
-rm -f "$out/initramfs.cpio"
+rm -f "$out/initramfs.cpio" "$out/guest.env"
 tr -d '\r' <"$out/console.log" >"$out/console.tmp" && mv "$out/console.tmp" "$out/console.log"
 tr -d '\r' <"$out/details.log" >"$out/details.tmp" && mv "$out/details.tmp" "$out/details.log"
 
@@ -132,6 +158,7 @@ start_line=$(grep -m1 '^QBVM-START ' "$out/console.log" || true)
 end_line=$(grep -m1 '^QBVM-END ' "$out/console.log" || true)
 checks=$(grep -c '^CHECK ' "$out/console.log" || true)
 failures=$(grep -c '^CHECK [^ ]* FAIL' "$out/console.log" || true)
+skipped=$(grep -c '^CHECK [^ ]* SKIP' "$out/console.log" || true)
 verdict=0
 {
     grep -E '^(CHECK|METRIC) ' "$out/console.log" || true
@@ -158,7 +185,7 @@ verdict=0
     elif [ "$failures" != 0 ] || ! grep -q ' status=0 ' <<<"$end_line"; then
         echo "RESULT FAIL $failures of $checks checks failed"
     else
-        echo "RESULT PASS $checks checks passed"
+        echo "RESULT PASS $((checks - skipped)) checks passed, $skipped skipped"
     fi
 } >"$out/summary.txt"
 cat "$out/summary.txt"

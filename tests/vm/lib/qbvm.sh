@@ -2,12 +2,16 @@
 #
 # /init runs each check script with the working directory $CHECK_WORK (empty, on tmpfs), a fresh
 # vcan0 (up, no queue discipline), standard output and error going to the check's log, and file
-# descriptor 3 going to the result lines. A check writes at least one result line with pass or
-# fail (or result, for a check of several parts) and may write metrics.
+# descriptor 3 going to the result lines. A check writes at least one result line with pass,
+# fail or skip (or result, for a check of several parts) and may write metrics. The variables
+# given to scripts/vm/run.sh with --env NAME=VALUE are in the environment.
 
 # pass DETAIL / fail DETAIL: the result of this check.
 pass() { say_result "CHECK $CHECK_NAME PASS $*"; }
 fail() { say_result "CHECK $CHECK_NAME FAIL $*"; }
+# skip REASON: this check could not run here, for REASON (e.g. a host program it needs is not
+# installed); counted as a check, not as a failure.
+skip() { say_result "CHECK $CHECK_NAME SKIP $*"; }
 
 # say_result LINE: LINE in the check's log and among the result lines.
 say_result() {
@@ -15,7 +19,7 @@ say_result() {
     echo "$1" >&3
 }
 
-# result PART PASS|FAIL DETAIL: the result of one part of this check (reported as NAME.PART).
+# result PART PASS|FAIL|SKIP DETAIL: the result of one part of this check (reported as NAME.PART).
 result() {
     local part=$1 verdict=$2
     shift 2
