@@ -132,6 +132,38 @@ _OUTCOMES = {
 _BUS_POLL = 0.05
 
 
+#: The receive buffer asked for on a python-can SocketCAN bus (the C++ proxy asks the same).
+_RECEIVE_BUFFER_BYTES = 1 << 20
+#: SO_RCVBUFFORCE of Linux (not named by every Python's socket module): exceeds rmem_max, as root.
+_SO_RCVBUFFORCE = 33
+
+
+def _enlarge_receive_buffer(bus) -> None:
+    """Gives the CAN socket of a python-can ``socketcan`` bus a receive buffer of 1 MiB.
+
+    python-can keeps the kernel's default (rmem_default, 212,992 bytes on Debian: about 300 CAN
+    frames), while one 4095-byte payload is 586 frames that a sender writes in one burst: when
+    the reader thread gets the processor late, the kernel drops the frames beyond the buffer
+    and the endpoint refuses the payload. Buses without a CAN socket are left alone; a buffer
+    already larger is kept; a refusal (no privilege, no room) leaves the bus as it was.
+    """
+    import socket
+
+    sock = getattr(bus, "socket", None)
+    if not isinstance(sock, socket.socket) or sock.family != getattr(socket, "AF_CAN", -1):
+        return
+    try:
+        # The kernel reports twice the size asked for (its bookkeeping share included).
+        if sock.getsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF) >= 2 * _RECEIVE_BUFFER_BYTES:
+            return
+        try:
+            sock.setsockopt(socket.SOL_SOCKET, _SO_RCVBUFFORCE, _RECEIVE_BUFFER_BYTES)
+        except OSError:
+            sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, _RECEIVE_BUFFER_BYTES)
+    except OSError as exc:
+        _log.warning("could not enlarge the receive buffer of the bus's CAN socket: %s", exc)
+
+
 def _ids(rx_ids: Union[int, Iterable[int]]) -> frozenset:
     if isinstance(rx_ids, int):
         rx_ids = [rx_ids]
@@ -158,6 +190,7 @@ class _BusReader:
 
     def __init__(self, bus) -> None:
         self.bus = bus
+        _enlarge_receive_buffer(bus)
         self.routes: dict = {}  # Endpoint -> (rx_ids, core)
         self.thread: Optional[threading.Thread] = None
         self.stop = False

@@ -3,8 +3,8 @@
 Every test that needs a CAN interface runs on both frame paths of the module:
 - ``socketcan``: ``Endpoint.socketcan(channel, ...)``, the C++ SocketCAN proxy under the endpoint;
 - ``python-can``: ``Endpoint(can.Bus(interface="socketcan", channel=...), ...)``, the endpoint's
-  frames carried by the Python bridge over python-can's socketcan bus (with a receive buffer of
-  1 MiB, as the C++ proxy's: see socketcan_tools.python_can_bus).
+  frames carried by the Python bridge over python-can's socketcan bus, made with python-can's
+  defaults (the module gives its socket a receive buffer of 1 MiB, as the C++ proxy's).
 It checks payloads of the module reaching ``cantp recv`` byte-exact, payloads of ``cantp send``
 reaching the module byte-exact, and the frames the module puts on the bus, as candump records
 them, against the frames the protocol cuts a payload into (docs/protocol.md).
@@ -22,8 +22,8 @@ import subprocess
 import pytest
 
 import qbcantp
-from socketcan_tools import (Candump, answer_frames, can_filters, frame, protocol_frames,
-                             python_can_bus, wait_for)
+from socketcan_tools import (RECEIVE_BUFFER_BYTES, Candump, answer_frames, can_filters, frame,
+                             protocol_frames, python_can_bus, wait_for)
 
 VCAN = os.environ.get("QB_VCAN")
 CANTP = os.environ.get("QB_CANTP")
@@ -84,6 +84,19 @@ def cantp_recv(count=1):
     finally:
         receiver.kill()
         receiver.wait()
+
+
+@needs_vcan
+def test_python_can_bus_gets_a_receive_buffer_of_1_mib():
+    import socket
+
+    with python_can_bus(VCAN) as bus:
+        before = bus.socket.getsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF)
+        with qbcantp.Endpoint(bus, 0x7E0, [0x7E8]):
+            after = bus.socket.getsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF)
+    # The kernel reports twice the size set; python-can's default is rmem_default (212,992).
+    assert before < 2 * RECEIVE_BUFFER_BYTES
+    assert after >= 2 * RECEIVE_BUFFER_BYTES
 
 
 def test_socketcan_endpoint_on_a_missing_interface_raises_oserror():
