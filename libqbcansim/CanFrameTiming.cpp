@@ -77,6 +77,38 @@ struct Crc15Table {
     }
 };
 
+// The stuffing rule, one bit at a time: after five equal bits the transmitter inserts a bit of
+// the opposite level, which starts the next run. The state is the level of the current run and
+// its length (0: no bit yet).
+struct StuffCounter {
+    unsigned run = 0;
+    bool level = false;
+    uint32_t stuffed = 0;
+
+    // State `s` of StuffTable: 0 no run, else 1 + 4 * level + (length - 1).
+    static StuffCounter fromState(unsigned s) {
+        StuffCounter c;
+        c.run = s == 0 ? 0 : (s - 1) % 4 + 1;
+        c.level = s != 0 && (s - 1) / 4 == 1;
+        return c;
+    }
+    unsigned state() const { return run == 0 ? 0 : 1 + 4 * (level ? 1 : 0) + (run - 1); }
+
+    void push(bool bit) {
+        if (run > 0 && bit == level) {
+            ++run;
+        } else {
+            level = bit;
+            run = 1;
+        }
+        if (run == 5) {
+            ++stuffed;
+            level = !level;
+            run = 1;
+        }
+    }
+};
+
 // Stuff-bit counting eight bits at once. The state between bits is the level of the current
 // run and its length (1 to 4; a run of 5 inserts a bit of the other level, which starts a new
 // run of 1), or "no run yet": state 0 is no run, 1 + 4 * level + (length - 1) the others.
@@ -87,25 +119,12 @@ struct StuffTable {
     StuffTable() : next(), stuffed() {
         for (unsigned s = 0; s < STATES; ++s) {
             for (unsigned byte = 0; byte < 256; ++byte) {
-                unsigned run = s == 0 ? 0 : (s - 1) % 4 + 1;
-                bool level = s != 0 && (s - 1) / 4 == 1;
-                unsigned count = 0;
+                StuffCounter c = StuffCounter::fromState(s);
                 for (int b = 7; b >= 0; --b) {
-                    const bool bit = ((byte >> b) & 1u) != 0;
-                    if (run > 0 && bit == level) {
-                        ++run;
-                    } else {
-                        level = bit;
-                        run = 1;
-                    }
-                    if (run == 5) {
-                        ++count;
-                        level = !level;
-                        run = 1;
-                    }
+                    c.push(((byte >> b) & 1u) != 0);
                 }
-                next[s][byte] = static_cast<uint8_t>(1 + 4 * (level ? 1 : 0) + (run - 1));
-                stuffed[s][byte] = static_cast<uint8_t>(count);
+                next[s][byte] = static_cast<uint8_t>(c.state());
+                stuffed[s][byte] = static_cast<uint8_t>(c.stuffed);
             }
         }
     }
@@ -168,25 +187,11 @@ uint16_t CanFrameTiming::crc15(uint32_t id, bool extended, const uint8_t* data, 
 }
 
 uint32_t CanFrameTiming::stuffBitCount(const uint8_t* bits, size_t count) {
-    uint32_t stuffed = 0;
-    unsigned run = 0;
-    bool level = false;
+    StuffCounter c;
     for (size_t i = 0; i < count; ++i) {
-        const bool bit = bits[i] != 0;
-        if (run > 0 && bit == level) {
-            ++run;
-        } else {
-            level = bit;
-            run = 1;
-        }
-        if (run == 5) {
-            // The inserted bit has the opposite level and starts the next run.
-            ++stuffed;
-            level = !level;
-            run = 1;
-        }
+        c.push(bits[i] != 0);
     }
-    return stuffed;
+    return c.stuffed;
 }
 
 uint32_t CanFrameTiming::stuffBitCount(uint32_t id, bool extended, const uint8_t* data,
@@ -244,22 +249,11 @@ uint32_t CanFrameTiming::frameBits(uint32_t id, bool extended, const uint8_t* da
         stuffed += stuff.stuffed[state][byte];
         state = stuff.next[state][byte];
     }
-    unsigned run = state == 0 ? 0 : (state - 1) % 4 + 1;
-    bool level = state != 0 && (state - 1) / 4 == 1;
+    StuffCounter tail = StuffCounter::fromState(state);
     for (; k < n; ++k) {
-        const bool bit = bits.bit(k);
-        if (run > 0 && bit == level) {
-            ++run;
-        } else {
-            level = bit;
-            run = 1;
-        }
-        if (run == 5) {
-            ++stuffed;
-            level = !level;
-            run = 1;
-        }
+        tail.push(bits.bit(k));
     }
+    stuffed += tail.stuffed;
     return static_cast<uint32_t>(n) + stuffed + TRAILER_BITS;
 }
 
