@@ -293,6 +293,7 @@ class Conversation {
             }
         }
         waitForQueues();
+        waitForAcknowledgements();
         return snapshot();
     }
 
@@ -421,6 +422,22 @@ class Conversation {
         }
     }
 
+    /// A sender takes an acknowledged payload off its queue and reports the acknowledgement
+    /// just after, on its own thread: so the summary counts every report, the reports of the
+    /// payloads known to be delivered are awaited once the queues are empty. Bounded: on a
+    /// lossy bus a delivered payload may end in a give-up instead, whose report is already in.
+    void waitForAcknowledgements() {
+        std::unique_lock<std::mutex> lock(mutex);
+        const auto count = [this](const char* key) {
+            const auto it = tally.statuses.find(key);
+            return it == tally.statuses.end() ? 0UL : it->second;
+        };
+        changed.wait_for(lock, std::chrono::milliseconds(500), [&] {
+            return count("0x7E0 CTT_ACKNOWLEDGED") >= verifiedFrom[0] &&
+                   count("0x7E8 CTT_ACKNOWLEDGED") >= verifiedFrom[1];
+        });
+    }
+
     byteVec_t randomPayload() {
         std::uniform_int_distribution<unsigned> size(options.minSize, options.maxSize);
         std::uniform_int_distribution<unsigned> byte(0, 255);
@@ -466,6 +483,7 @@ class Conversation {
                 return;
             }
             exchange.requestVerified = true;
+            verifiedFrom[0] += 1;
             tally.verified += 1;
             tally.bytesVerified += payload.size();
             response = randomPayload();
@@ -487,6 +505,7 @@ class Conversation {
             tally.duplicates += 1;
         } else {
             exchange.responseVerified = true;
+            verifiedFrom[1] += 1;
             tally.verified += 1;
             tally.bytesVerified += payload.size();
         }
@@ -535,6 +554,7 @@ class Conversation {
     std::mutex mutex;
     std::condition_variable changed;
     Tally tally;
+    unsigned long verifiedFrom[2] = {0, 0};  // payloads of each side verified at the other
     Exchange exchange;
     Stream streams[2];
     Clock::time_point lastDelivery;
