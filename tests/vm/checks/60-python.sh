@@ -51,7 +51,8 @@ done
 on_host() {
     local dir=$1
     shift
-    chroot /host /usr/bin/env -i -C "$dir" PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/tmp \
+    chroot /host /usr/bin/env -i -C "$dir" PATH=/usr/bin:/bin:/usr/sbin:/sbin \
+        HOME=/dev/shm TMPDIR=/dev/shm \
         LC_ALL=C.UTF-8 PYTHONPATH="$QB_PYTHONPATH" PYTHONDONTWRITEBYTECODE=1 \
         QB_VCAN=vcan0 QB_CANTP="$QB_HOST_CANTP" "$@"
 }
