@@ -16,6 +16,7 @@
 
 #include "ArgumentReader.h"
 #include "FdStreamBuf.h"
+#include "LogToStandardError.h"
 #include "SocketCanArguments.h"
 #include "StopSignals.h"
 #include "TransportDecoder.h"
@@ -99,19 +100,7 @@ int DumpCommand::run(int argc, char** argv, int first) {
 
     FdStreamBuf outBuf(STDOUT_FILENO);
     std::ostream out(&outBuf);
-    std::streambuf* savedCout = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-        std::cout.flush();
-        savedCout = std::cout.rdbuf(std::cerr.rdbuf());
-    }
-    struct RestoreCout {
-        std::streambuf* saved;
-        ~RestoreCout() {
-            std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-            std::cout.rdbuf(saved);
-        }
-    } restore{savedCout};
+    const LogToStandardError logToStandardError;
 
     CanRawSocket socket = CanRawSocket::open(iface, options);
     StopSignals signals;

@@ -13,6 +13,7 @@
 
 #include "ArgumentReader.h"
 #include "FdStreamBuf.h"
+#include "LogToStandardError.h"
 #include "SocketCanArguments.h"
 #include "SocketCanLink.h"
 #include "StopSignals.h"
@@ -49,8 +50,8 @@ void RecvCommand::printHelp(std::ostream& os) {
 }
 
 int RecvCommand::run(int argc, char** argv, int first) {
-    SocketCanLink::Settings settings;
-    bool haveCan = false, haveId = false, raw = false, stats = false;
+    SocketCanArguments::LinkOptions linkOptions;
+    bool raw = false, stats = false;
     uint64_t count = 0;  // 0: no limit
     ArgumentReader args(argc, argv, first);
     std::string value;
@@ -58,15 +59,8 @@ int RecvCommand::run(int argc, char** argv, int first) {
         if (args.flag("--help", "-h")) {
             printHelp(std::cout);
             return 0;
-        } else if (args.option("--can", "-c", value)) {
-            settings.interfaceName = SocketCanArguments::interfaceOf("--can", value);
-            haveCan = true;
-        } else if (args.option("--id", "-i", value)) {
-            settings.sendId =
-                static_cast<uint16_t>(ArgumentReader::toUnsigned("--id", value, 0x7FF));
-            haveId = true;
-        } else if (args.option("--peer-id", "-p", value)) {
-            SocketCanArguments::appendIdentifiers("--peer-id", value, settings.peers);
+        } else if (linkOptions.read(args)) {
+            // --can, --id, --peer-id, --debug, --sndbuf or --rcvbuf, taken
         } else if (args.option("--count", "-n", value)) {
             count = ArgumentReader::toUnsigned("--count", value, UINT32_MAX);
             if (count == 0) {
@@ -74,44 +68,19 @@ int RecvCommand::run(int argc, char** argv, int first) {
             }
         } else if (args.flag("--raw", "-r")) {
             raw = true;
-        } else if (args.option("--debug", "-d", value)) {
-            settings.debug = ArgumentReader::toInt("--debug", value, -1000, 1000);
-        } else if (args.option("--sndbuf", nullptr, value)) {
-            settings.sendBufferBytes = SocketCanArguments::bufferBytes("--sndbuf", value);
-        } else if (args.option("--rcvbuf", nullptr, value)) {
-            settings.receiveBufferBytes = SocketCanArguments::bufferBytes("--rcvbuf", value);
         } else if (args.flag("--stats", nullptr)) {
             stats = true;
         } else {
             throw UsageError("unknown argument '" + args.current() + "'");
         }
     }
-    if (!haveCan) {
-        throw UsageError("--can socketcan:IFACE is required");
-    }
-    if (!haveId) {
-        throw UsageError("--id is required");
-    }
-    if (settings.peers.empty()) {
-        throw UsageError("--peer-id is required");
-    }
+    linkOptions.requireComplete();
+    const SocketCanLink::Settings& settings = linkOptions.settings;
 
     // Standard output carries the payloads only: the library's log lines go to standard error.
     FdStreamBuf outBuf(STDOUT_FILENO);
     std::ostream out(&outBuf);
-    std::streambuf* savedCout = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-        std::cout.flush();
-        savedCout = std::cout.rdbuf(std::cerr.rdbuf());
-    }
-    struct RestoreCout {
-        std::streambuf* saved;
-        ~RestoreCout() {
-            std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-            std::cout.rdbuf(saved);
-        }
-    } restore{savedCout};
+    const LogToStandardError logToStandardError;
 
     StopSignals signals;
     CANTransportThread::delstatus_t onStatus = [](CANTransportThread::statuschange_t, uint16_t) {};

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "ArgumentReader.h"
+#include "LogToStandardError.h"
 #include "SocketCanArguments.h"
 #include "SocketCanLink.h"
 #include "StopSignals.h"
@@ -22,22 +23,6 @@ namespace {
 
 /// The largest payload the first frame's 12-bit length field announces correctly.
 constexpr size_t MAX_PAYLOAD = 4095;
-
-/// Points std::cout (where the library's log lines go) at standard error while alive.
-class LogToStandardError {
-  public:
-    LogToStandardError() {
-        std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-        saved = std::cout.rdbuf(std::cerr.rdbuf());
-    }
-    ~LogToStandardError() {
-        std::lock_guard<std::mutex> lock(LogUtil::logMutex);
-        std::cout.rdbuf(saved);
-    }
-
-  private:
-    std::streambuf* saved = nullptr;
-};
 
 /// Reads the whole of `fd`; keeps at most MAX_PAYLOAD + 1 bytes but counts all of them.
 bool readPayload(int fd, byteVec_t& payload, size_t& total) {
@@ -92,31 +77,17 @@ void SendCommand::printHelp(std::ostream& os) {
 }
 
 int SendCommand::run(int argc, char** argv, int first) {
-    SocketCanLink::Settings settings;
-    bool haveCan = false, haveId = false, stats = false;
+    SocketCanArguments::LinkOptions linkOptions;
+    bool stats = false;
     std::string file = "-";
     bool haveFile = false;
     ArgumentReader args(argc, argv, first);
-    std::string value;
     while (!args.done()) {
         if (args.flag("--help", "-h")) {
             printHelp(std::cout);
             return 0;
-        } else if (args.option("--can", "-c", value)) {
-            settings.interfaceName = SocketCanArguments::interfaceOf("--can", value);
-            haveCan = true;
-        } else if (args.option("--id", "-i", value)) {
-            settings.sendId =
-                static_cast<uint16_t>(ArgumentReader::toUnsigned("--id", value, 0x7FF));
-            haveId = true;
-        } else if (args.option("--peer-id", "-p", value)) {
-            SocketCanArguments::appendIdentifiers("--peer-id", value, settings.peers);
-        } else if (args.option("--debug", "-d", value)) {
-            settings.debug = ArgumentReader::toInt("--debug", value, -1000, 1000);
-        } else if (args.option("--sndbuf", nullptr, value)) {
-            settings.sendBufferBytes = SocketCanArguments::bufferBytes("--sndbuf", value);
-        } else if (args.option("--rcvbuf", nullptr, value)) {
-            settings.receiveBufferBytes = SocketCanArguments::bufferBytes("--rcvbuf", value);
+        } else if (linkOptions.read(args)) {
+            // --can, --id, --peer-id, --debug, --sndbuf or --rcvbuf, taken
         } else if (args.flag("--stats", nullptr)) {
             stats = true;
         } else if (args.current() != "-" && args.current().compare(0, 1, "-") == 0) {
@@ -128,15 +99,8 @@ int SendCommand::run(int argc, char** argv, int first) {
             throw UsageError("one FILE only, not also '" + args.current() + "'");
         }
     }
-    if (!haveCan) {
-        throw UsageError("--can socketcan:IFACE is required");
-    }
-    if (!haveId) {
-        throw UsageError("--id is required");
-    }
-    if (settings.peers.empty()) {
-        throw UsageError("--peer-id is required");
-    }
+    linkOptions.requireComplete();
+    const SocketCanLink::Settings& settings = linkOptions.settings;
 
     int fd = STDIN_FILENO;
     if (file != "-") {

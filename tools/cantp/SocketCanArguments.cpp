@@ -83,3 +83,37 @@ const char* SocketCanArguments::bufferOptionsHelp() {
            "      --stats          at exit, one 'stats IFACE sent=N ...' line on standard\n"
            "                       error with the proxy's counters (docs/socketcan.md)\n";
 }
+
+bool SocketCanArguments::LinkOptions::read(ArgumentReader& args) {
+    std::string value;
+    if (args.option("--can", "-c", value)) {
+        settings.interfaceName = interfaceOf("--can", value);
+        haveCan = true;
+    } else if (args.option("--id", "-i", value)) {
+        settings.sendId = static_cast<uint16_t>(ArgumentReader::toUnsigned("--id", value, 0x7FF));
+        haveId = true;
+    } else if (args.option("--peer-id", "-p", value)) {
+        appendIdentifiers("--peer-id", value, settings.peers);
+    } else if (args.option("--debug", "-d", value)) {
+        settings.debug = ArgumentReader::toInt("--debug", value, -1000, 1000);
+    } else if (args.option("--sndbuf", nullptr, value)) {
+        settings.sendBufferBytes = bufferBytes("--sndbuf", value);
+    } else if (args.option("--rcvbuf", nullptr, value)) {
+        settings.receiveBufferBytes = bufferBytes("--rcvbuf", value);
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void SocketCanArguments::LinkOptions::requireComplete() const {
+    if (!haveCan) {
+        throw UsageError("--can socketcan:IFACE is required");
+    }
+    if (!haveId) {
+        throw UsageError("--id is required");
+    }
+    if (settings.peers.empty()) {
+        throw UsageError("--peer-id is required");
+    }
+}

@@ -4,8 +4,11 @@
 #include <string>
 #include <vector>
 
+#include "SocketCanLink.h"
 #include "libqbsocketcan/CanRawSocket.h"
 #include "libqbsocketcan/SocketCanProxy.h"
+
+class ArgumentReader;
 
 /// Parsing of `socketcan:IFACE` and of identifier lists, and the statistics line. Every parse
 /// error is a UsageError (exit status 2) whose message names the option.
@@ -37,4 +40,19 @@ class SocketCanArguments {
 
     /// The help text of the options the socketcan commands share.
     static const char* bufferOptionsHelp();
+
+    /// The options of a command that runs one endpoint on an interface (`cantp send`, `cantp
+    /// recv`): --can/-c socketcan:IFACE, --id/-i (0 to 0x7FF), --peer-id/-p (a list, repeatable),
+    /// --debug/-d, --sndbuf and --rcvbuf, read into the link's settings.
+    struct LinkOptions {
+        SocketCanLink::Settings settings;
+        bool haveCan = false;
+        bool haveId = false;
+
+        /// Takes the next argument (and its value) if it is one of these options; true if it
+        /// did. A bad value is a UsageError naming the option.
+        bool read(ArgumentReader& args);
+        /// A UsageError unless --can, --id and --peer-id were given.
+        void requireComplete() const;
+    };
 };
