@@ -145,6 +145,7 @@ SimulatedCanBus::Statistics SimulatedCanBus::statistics() const {
     s.framesLost = framesLost;
     s.busyNs = busyNs;
     s.currentSender = currentSender;
+    s.framesBeingDelivered = framesBeingDelivered;
     if (started) {
         s.elapsedNs = (ended ? endNs : monotonicNs()) - startNs;
     }
@@ -437,6 +438,7 @@ void SimulatedCanBus::finish(const Transmission& tx, int64_t now) {
         finishedOutcomes.insert(finishedOutcomes.end(), outcome.begin(), outcome.end());
         std::lock_guard<std::mutex> lock(stateMutex);
         currentSender = -1;
+        framesBeingDelivered = finished.size();
         return;
     }
 
@@ -472,6 +474,7 @@ void SimulatedCanBus::flushDeliveries() {
         countFrame(finished[k].sender, finished[k].bits, finished[k].lost,
                    finishedOutcomes.data() + k * count);
     }
+    framesBeingDelivered = 0;
     finished.clear();
     finishedOutcomes.clear();
 }

@@ -157,6 +157,10 @@ class SimulatedCanBus : public Thread {
         double loadPercent = 0.0;
         /// Index of the node whose frame is on the bus now, -1 if the bus is idle.
         int currentSender = -1;
+        /// Fast mode: frames that have left the bus and are being written to their receivers,
+        /// not yet in the counts above. A receiver may already hold such a frame, so the counts
+        /// are complete for what the nodes have received only while this is 0.
+        uint64_t framesBeingDelivered = 0;
     };
 
     /// Most frames a node's FIFO holds before the bus stops reading from that node.
@@ -292,6 +296,7 @@ class SimulatedCanBus : public Thread {
     int64_t endNs = 0;
     bool ended = false;
     int currentSender = -1;
+    uint64_t framesBeingDelivered = 0;
     uint64_t framesCarried = 0;
     uint64_t bitsCarried = 0;
     uint64_t framesLost = 0;

@@ -111,7 +111,7 @@ SimulatedCanBus::Statistics EndpointPair::settledBusStatistics() const {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(1);
     for (;;) {
         SimulatedCanBus::Statistics stats = bus.statistics();
-        bool idle = stats.currentSender == -1;
+        bool idle = stats.currentSender == -1 && stats.framesBeingDelivered == 0;
         for (const SimulatedCanBus::NodeStatistics& node : stats.nodes) {
             idle = idle && node.framesPending == 0;
         }

@@ -62,9 +62,10 @@ class EndpointPair {
     bool waitTransferred(int side, uint64_t count, Clock::time_point deadline);
 
     SimulatedCanBus::Statistics busStatistics() const { return bus.statistics(); }
-    /// The bus's statistics once no frame is on the bus or waiting to go on it, so that every
-    /// frame already delivered is counted (the bus counts a frame just after writing it to its
-    /// receivers). Waits at most one second for that, then returns what it has.
+    /// The bus's statistics once no frame is on the bus, waiting to go on it or being written to
+    /// its receivers, so that every frame already delivered is counted (the bus counts a frame
+    /// just after writing it to its receivers). Waits at most one second for that, then returns
+    /// what it has.
     SimulatedCanBus::Statistics settledBusStatistics() const;
     /// Empty while both endpoint threads run; otherwise why one ended.
     std::string failure() const;
