@@ -15,7 +15,7 @@ const size_t MAX_DATA_BYTES = 64;
 // A CAN FD record of a capture made before the FD flag existed is told by its size alone.
 const uint32_t CANFD_RECORD_BYTES = 72;
 
-const uint32_t CAN_EFF_FLAG = 0x80000000u;
+const uint32_t EXTENDED_ID_FLAG = 0x80000000u;
 const uint32_t CAN_RTR_FLAG = 0x40000000u;
 const uint32_t CAN_ERR_FLAG = 0x20000000u;
 const uint8_t CANFD_FDF = 0x04;
@@ -204,7 +204,7 @@ PcapReader::Result PcapReader::next(Record& record) {
         return RECORD;
     }
     const uint32_t idWord = big32(body);
-    record.extended = (idWord & CAN_EFF_FLAG) != 0;
+    record.extended = (idWord & EXTENDED_ID_FLAG) != 0;
     record.canId = idWord & (record.extended ? 0x1FFFFFFFu : 0x7FFu);
     record.length = body[4];
     const size_t carried = std::min<size_t>(record.length, captured - CAN_HEADER_BYTES);

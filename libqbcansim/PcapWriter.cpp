@@ -66,7 +66,7 @@ void PcapWriter::write(int64_t seconds, uint32_t microseconds, uint32_t canId, b
     putLittle32(record + 4, microseconds);
     putLittle32(record + 8, FRAME_BYTES);
     putLittle32(record + 12, FRAME_BYTES);
-    putBig32(record + 16, canId | (extended ? CAN_EFF_FLAG : 0u));
+    putBig32(record + 16, canId | (extended ? EXTENDED_ID_FLAG : 0u));
     record[20] = length;
     // Bytes 21 to 23 (padding and two reserved bytes) stay 0, and so do the data bytes after
     // the frame's length.

@@ -33,7 +33,9 @@ class PcapWriter {
     static constexpr uint32_t LINKTYPE_CAN_SOCKETCAN = 227;
     /// Bytes of the CAN header (identifier, length, padding) and of the data area per frame.
     static constexpr uint32_t FRAME_BYTES = 16;
-    static constexpr uint32_t CAN_EFF_FLAG = 0x80000000u;
+    /// Bit 31 of the identifier word: an extended (29-bit) identifier. Named apart from
+    /// <linux/can.h>'s CAN_EFF_FLAG macro, which a user of both headers also sees.
+    static constexpr uint32_t EXTENDED_ID_FLAG = 0x80000000u;
 
     /// Writes the file header to `out` at once.
     explicit PcapWriter(std::ostream& out);

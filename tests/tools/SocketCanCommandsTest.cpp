@@ -3,6 +3,7 @@
 // cannot be opened. None of this needs a kernel CAN stack; the run on a real interface is the
 // kernel test's (docs/socketcan.md).
 
+#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -196,6 +197,24 @@ TEST(CantpDump, RequiresCanAndTakesOnlySocketCan) {
                      "cantp dump: unknown argument 'extra'");
 }
 
+TEST(CantpDump, PcapNeedsAFileName) {
+    expectUsageError({"dump", "--can", "socketcan:vcan0", "--pcap", ""},
+                     "cantp dump: --pcap needs a file name");
+    expectUsageError({"dump", "--can", "socketcan:vcan0", "--pcap"},
+                     "cantp dump: option --pcap needs a value");
+}
+
+TEST(CantpDump, AnInterfaceThatCannotBeOpenedLeavesNoCaptureFile) {
+    const std::string path = ::testing::TempDir() + "cantp_dump_no_iface.pcap";
+    std::remove(path.c_str());
+    const CommandResult r = run({"dump", "--can", NO_IFACE, "--pcap", path});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_TRUE(r.out.empty());
+    ASSERT_FALSE(r.err.empty());
+    EXPECT_EQ(r.err.back().rfind("cantp dump: error: QBException: ", 0), 0u) << r.err.back();
+    EXPECT_FALSE(std::ifstream(path).good()) << path << " was created";
+}
+
 TEST(CantpDump, AnInterfaceThatCannotBeOpenedIsExitOne) {
     const CommandResult r = run({"dump", "--can", NO_IFACE, "--id", "0x7E0", "--id", "0x7E8"});
     EXPECT_EQ(r.status, 1);
@@ -208,7 +227,7 @@ TEST(CantpDump, HelpExitsZero) {
     const CommandResult r = run({"dump", "--help"});
     EXPECT_EQ(r.status, 0);
     ASSERT_FALSE(r.out.empty());
-    EXPECT_EQ(r.out[0], "Usage: cantp dump --can socketcan:IFACE [--id ID...]");
+    EXPECT_EQ(r.out[0], "Usage: cantp dump --can socketcan:IFACE [--id ID...] [--pcap FILE]");
 }
 
 // ---- cantp endpoint with socketcan --------------------------------------------------------

@@ -6,9 +6,12 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <memory>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -21,6 +24,7 @@
 #include "StopSignals.h"
 #include "TransportDecoder.h"
 #include "libqbcansim/CandumpLine.h"
+#include "libqbcansim/PcapWriter.h"
 #include "libqbio/LogUtil.h"
 #include "libqbsocketcan/CanRawSocket.h"
 #include "libqbutil/HexText.h"
@@ -50,32 +54,44 @@ std::string lineOf(const canfd_frame& frame, size_t bytes, const timespec& ts,
     return text;
 }
 
+/// True for a classic data frame: the frames a capture of link type 227 holds here.
+bool isClassicDataFrame(const canfd_frame& frame, size_t bytes) {
+    return bytes == CAN_MTU && (frame.can_id & (CAN_RTR_FLAG | CAN_ERR_FLAG)) == 0;
+}
+
 }  // namespace
 
 void DumpCommand::printHelp(std::ostream& os) {
-    os << "Usage: cantp dump --can socketcan:IFACE [--id ID...]\n"
+    os << "Usage: cantp dump --can socketcan:IFACE [--id ID...] [--pcap FILE]\n"
           "\n"
           "The live transport view of a SocketCAN interface, like isotpdump: every frame (or\n"
           "those of the given identifiers) classified, payloads reassembled, protocol errors\n"
           "named, in the output format of 'cantp decode'. Stop it with SIGINT (Ctrl-C) or\n"
-          "SIGTERM: it then reports transfers left open and two summary lines.\n"
+          "SIGTERM: it then reports transfers left open and two summary lines. With --pcap\n"
+          "the frames shown are also saved as a capture that Wireshark, tshark and 'cantp\n"
+          "decode' open.\n"
           "\n"
           "Options:\n"
           "  -c, --can socketcan:IFACE  the CAN interface (e.g. socketcan:can0)\n"
           "  -i, --id ID[,ID...]  show only these identifiers (0 to 0x1FFFFFFF; above 0x7FF an\n"
           "                       extended identifier); may be repeated. Default: all\n"
+          "      --pcap FILE      also write the frames shown (classic data frames, with the\n"
+          "                       kernel's receive time) into FILE as a pcap capture (link\n"
+          "                       type 227), written through after every read\n"
           "      --rcvbuf BYTES   receive buffer to ask for (default 1048576)\n"
           "  -h, --help           this text\n"
           "\n"
           "Exit status: 0 stopped by a signal; 1 the interface could not be opened or went\n"
-          "down; 2 usage error.\n"
+          "down, or the capture file could not be opened or written; 2 usage error.\n"
           "\n"
-          "Example:\n"
-          "  cantp dump --can socketcan:can0 --id 0x7E0 --id 0x7E8\n";
+          "Examples:\n"
+          "  cantp dump --can socketcan:can0 --id 0x7E0 --id 0x7E8\n"
+          "  cantp dump --can socketcan:can0 --pcap can0.pcap\n";
 }
 
 int DumpCommand::run(int argc, char** argv, int first) {
     std::string iface;
+    std::string pcapPath;
     CanRawSocket::Options options;
     options.errorFrames = false;
     ArgumentReader args(argc, argv, first);
@@ -88,6 +104,11 @@ int DumpCommand::run(int argc, char** argv, int first) {
             iface = SocketCanArguments::interfaceOf("--can", value);
         } else if (args.option("--id", "-i", value)) {
             SocketCanArguments::appendIdentifiers("--id", value, options.peers);
+        } else if (args.option("--pcap", nullptr, value)) {
+            if (value.empty()) {
+                throw UsageError("--pcap needs a file name");
+            }
+            pcapPath = value;
         } else if (args.option("--rcvbuf", nullptr, value)) {
             options.receiveBufferBytes = SocketCanArguments::bufferBytes("--rcvbuf", value);
         } else {
@@ -103,6 +124,35 @@ int DumpCommand::run(int argc, char** argv, int first) {
     const LogToStandardError logToStandardError;
 
     CanRawSocket socket = CanRawSocket::open(iface, options);
+    // Opened once the interface is: a name that cannot be opened leaves no empty capture.
+    std::ofstream pcapFile;
+    std::unique_ptr<PcapWriter> pcap;
+    if (!pcapPath.empty()) {
+        pcapFile.open(pcapPath, std::ios::out | std::ios::trunc | std::ios::binary);
+        if (!pcapFile) {
+            std::cerr << "cantp dump: cannot open " << pcapPath << ": " << std::strerror(errno)
+                      << std::endl;
+            return 1;
+        }
+        pcap = std::make_unique<PcapWriter>(pcapFile);
+    }
+    // The capture is written through after each read, so that it holds every frame shown even
+    // when the dump is killed; a write that fails ends the dump (exit 1) rather than leaving a
+    // capture that silently lacks frames.
+    bool captureFailed = false;
+    auto capturePending = [&]() {
+        if (!pcap || captureFailed) {
+            return !captureFailed;
+        }
+        pcap->flush();
+        if (pcap->good()) {
+            return true;
+        }
+        std::cerr << "cantp dump: error: writing " << pcapPath << " failed after " << pcap->frames()
+                  << (pcap->frames() == 1 ? " frame" : " frames") << std::endl;
+        captureFailed = true;
+        return false;
+    };
     StopSignals signals;
     TransportDecoder decoder(out);
     int status = 0;
@@ -168,8 +218,18 @@ int DumpCommand::run(int argc, char** argv, int first) {
                 continue;
             }
             decoder.addLine(lineOf(frame, static_cast<size_t>(got), ts, iface));
+            if (pcap && isClassicDataFrame(frame, static_cast<size_t>(got))) {
+                const bool extended = (frame.can_id & CAN_EFF_FLAG) != 0;
+                pcap->write(static_cast<int64_t>(ts.tv_sec),
+                            static_cast<uint32_t>(ts.tv_nsec / 1000),
+                            frame.can_id & (extended ? CAN_EFF_MASK : CAN_SFF_MASK), extended,
+                            frame.data, std::min<uint8_t>(frame.len, CAN_MAX_DLEN));
+            }
         }
         out.flush();
+        if (!capturePending()) {
+            failed = true;
+        }
         if (failed) {
             status = 1;
             break;
@@ -177,5 +237,8 @@ int DumpCommand::run(int argc, char** argv, int first) {
     }
     decoder.finish();
     out.flush();
+    if (!capturePending()) {
+        status = 1;
+    }
     return status;
 }
