@@ -384,3 +384,14 @@ TEST_F(CaptureCommands, DemoPcapThatCannotBeOpenedExitsOne) {
     EXPECT_EQ(r.err, "cantp demo: cannot open " + path("no/such/dir/demo.pcap") +
                          ": No such file or directory\n");
 }
+
+TEST_F(CaptureCommands, DemoLogThatCannotBeOpenedExitsOneAndWritesNoCapture) {
+    const RunResult r = runCantp({"demo", "--fast", "--payloads", "1", "--pcap", path("demo.pcap"),
+                                  "--log", path("no/such/dir/demo.log")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "cantp demo: cannot open " + path("no/such/dir/demo.log") +
+                         ": No such file or directory\n");
+    EXPECT_EQ(r.out, "");
+    // The log is opened first: the run stops before the capture is created.
+    EXPECT_FALSE(std::ifstream(path("demo.pcap")).good());
+}

@@ -25,6 +25,7 @@
 
 #include "ArgumentReader.h"
 #include "MessagePump.h"
+#include "OutputFile.h"
 #include "ProcessUsage.h"
 #include "SocketCanArguments.h"
 #include "libqbcan/CANTransportThread.h"
@@ -686,21 +687,13 @@ int DemoCommand::run(int argc, char** argv, int first) {
         return 0;
     }
     std::ofstream tap;
-    if (!opt.logFile.empty()) {
-        tap.open(opt.logFile, std::ios::out | std::ios::trunc);
-        if (!tap) {
-            std::cerr << "cantp demo: cannot open " << opt.logFile << ": " << std::strerror(errno)
-                      << std::endl;
-            return 1;
-        }
+    if (!opt.logFile.empty() && !OutputFile::open(tap, opt.logFile, false, "demo")) {
+        return 1;
     }
     std::ofstream pcapFile;
     std::unique_ptr<PcapWriter> pcapTap;
     if (!opt.pcapFile.empty()) {
-        pcapFile.open(opt.pcapFile, std::ios::out | std::ios::trunc | std::ios::binary);
-        if (!pcapFile) {
-            std::cerr << "cantp demo: cannot open " << opt.pcapFile << ": " << std::strerror(errno)
-                      << std::endl;
+        if (!OutputFile::open(pcapFile, opt.pcapFile, true, "demo")) {
             return 1;
         }
         pcapTap = std::make_unique<PcapWriter>(pcapFile);

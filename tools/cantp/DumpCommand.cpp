@@ -20,6 +20,7 @@
 #include "ArgumentReader.h"
 #include "FdStreamBuf.h"
 #include "LogToStandardError.h"
+#include "OutputFile.h"
 #include "SocketCanArguments.h"
 #include "StopSignals.h"
 #include "TransportDecoder.h"
@@ -128,10 +129,7 @@ int DumpCommand::run(int argc, char** argv, int first) {
     std::ofstream pcapFile;
     std::unique_ptr<PcapWriter> pcap;
     if (!pcapPath.empty()) {
-        pcapFile.open(pcapPath, std::ios::out | std::ios::trunc | std::ios::binary);
-        if (!pcapFile) {
-            std::cerr << "cantp dump: cannot open " << pcapPath << ": " << std::strerror(errno)
-                      << std::endl;
+        if (!OutputFile::open(pcapFile, pcapPath, true, "dump")) {
             return 1;
         }
         pcap = std::make_unique<PcapWriter>(pcapFile);

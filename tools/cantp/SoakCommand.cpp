@@ -29,6 +29,7 @@
 
 #include "ArgumentReader.h"
 #include "MessagePump.h"
+#include "OutputFile.h"
 #include "libqbcan/CANTransportThread.h"
 #include "libqbcansim/CandumpLine.h"
 #include "libqbcansim/SimulatedCanBus.h"
@@ -1220,13 +1221,9 @@ int SoakCommand::run(int argc, char** argv, int first) {
         return 0;
     }
     std::ofstream incidentsOut;
-    if (!opt.incidentsFile.empty()) {
-        incidentsOut.open(opt.incidentsFile, std::ios::out | std::ios::trunc);
-        if (!incidentsOut) {
-            std::cerr << "cantp soak: cannot open " << opt.incidentsFile << ": "
-                      << std::strerror(errno) << std::endl;
-            return 1;
-        }
+    if (!opt.incidentsFile.empty() &&
+        !OutputFile::open(incidentsOut, opt.incidentsFile, false, "soak")) {
+        return 1;
     }
     std::ostringstream head;
     head << "cantp soak: " << opt.payloads << " payloads, " << opt.lanes << " lane"
