@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/CantpRun.h"
 #include "common/Subprocess.h"
 
 using namespace std::chrono_literals;
@@ -23,25 +24,8 @@ using qbtest::Subprocess;
 
 namespace {
 
-struct RunResult {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-RunResult runCantp(const std::vector<std::string>& args, const std::string& input = "") {
-    Subprocess process(qbtest::cantpPath(), args);
-    process.write(input);
-    process.closeInput();
-    RunResult result;
-    result.status = process.wait(60s);
-    if (result.status == -1) {
-        ADD_FAILURE() << "cantp did not finish within 60 s";
-    }
-    result.out = process.outText();
-    result.err = process.errText();
-    return result;
-}
+using RunResult = qbtest::CantpRun;
+using qbtest::runCantp;
 
 std::string bytes(std::initializer_list<int> values) {
     std::string s;

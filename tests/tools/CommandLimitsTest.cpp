@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/CantpRun.h"
 #include "common/Subprocess.h"
 
 using namespace std::chrono_literals;
@@ -17,25 +18,11 @@ using qbtest::Subprocess;
 
 namespace {
 
-struct RunResult {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+using RunResult = qbtest::CantpRun;
 
 /// Runs cantp with `args`, writes `input`, closes standard input and waits (at most 20 s).
 RunResult runCantp(const std::vector<std::string>& args, const std::string& input = "") {
-    Subprocess process(qbtest::cantpPath(), args);
-    process.write(input);
-    process.closeInput();
-    RunResult result;
-    result.status = process.wait(20s);
-    if (result.status == -1) {
-        ADD_FAILURE() << "cantp did not finish within 20 s";
-    }
-    result.out = process.outText();
-    result.err = process.errText();
-    return result;
+    return qbtest::runCantp(args, input, 20s);
 }
 
 /// The option value is accepted: given before --help, the command prints its help and exits 0.

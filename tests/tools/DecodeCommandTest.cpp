@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/CantpRun.h"
 #include "common/Subprocess.h"
 
 using namespace std::chrono_literals;
@@ -23,31 +24,17 @@ using qbtest::Subprocess;
 
 namespace {
 
-struct RunResult {
-    int status = -1;  ///< as Subprocess::wait() returns it: -1 if it did not exit in time
-    std::string out;
-    std::string err;
-};
+using RunResult = qbtest::CantpRun;
 
 /// Writes `input`, closes standard input and waits for `cantp` to exit (at most 10 s), taking
 /// all it wrote.
 RunResult finish(Subprocess& process, const std::string& input = "") {
-    process.write(input);
-    process.closeInput();
-    RunResult result;
-    result.status = process.wait(10s);
-    if (result.status == -1) {
-        ADD_FAILURE() << "cantp did not finish within 10 s";
-    }
-    result.out = process.outText();
-    result.err = process.errText();
-    return result;
+    return qbtest::finishCantp(process, input, 10s);
 }
 
-/// Runs `cantp` with `args` and `input` on its standard input to the end.
+/// Runs `cantp` with `args` and `input` on its standard input to the end (at most 10 s).
 RunResult runCantp(const std::vector<std::string>& args, const std::string& input = "") {
-    Subprocess process(qbtest::cantpPath(), args);
-    return finish(process, input);
+    return qbtest::runCantp(args, input, 10s);
 }
 
 /// `cantp` with `args` and `input` to the end; expects exit status 0 and no diagnostics, and

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "common/CantpRun.h"
 #include "common/Subprocess.h"
 
 using namespace std::chrono_literals;
@@ -20,12 +21,7 @@ namespace {
 
 // The summary line that starts with `key`, or "" if there is none.
 std::string summaryLine(const std::vector<std::string>& lines, const std::string& key) {
-    for (const std::string& line : lines) {
-        if (line.compare(0, key.size(), key) == 0) {
-            return line;
-        }
-    }
-    return std::string();
+    return qbtest::lineStartingWith(lines, key);
 }
 
 std::string tempDir() {
