@@ -596,21 +596,40 @@ TEST(SimulatedCanBus, DeliveryToAClosedInputIsCountedAndLoggedOnce) {
     EXPECT_EQ(0u, err[1].find("[ERROR] errno 32: ")) << err[1];
 }
 
-TEST(SimulatedCanBus, StopEndsABusWaitingForRoomInAFullInput) {
-    // B never reads its input: once that pipe is full (64 KiB: at most 2512 frame messages of 26
-    // bytes; select() reports room only for a whole free page) the bus waits for room; stop()
-    // must still end it. 4000 frames are well beyond what the pipe takes, so the bus is held up
-    // however fast it forwards. The writes below do not block: what the bus has not taken yet
-    // (at most 4000 - 2512 frames) fits into the proxy pipe.
-    const unsigned count = 4000;
+namespace {
+
+/// A fast bus whose node A has written `count` frames that node B does not read (until the test
+/// polls it): once B's input pipe is full (64 KiB: at most 2512 frame messages of 26 bytes;
+/// select() reports room only for a whole free page) the bus waits for room. 4000 frames are well
+/// beyond what the pipe takes, so the bus is held up however fast it forwards. The writes do not
+/// block: what the bus has not taken yet (at most 4000 - 2512 frames) fits into the proxy pipe.
+struct HeldUpByAFullInput {
+    static constexpr unsigned count = 4000;
     Endpoint a, b;
-    SimulatedCanBus bus(fastConfig());
-    bus.addNode(a.inputFd(), "A");
-    bus.addNode(b.inputFd(), "B");
-    bus.start();
-    for (unsigned i = 0; i < count; ++i) {
-        ASSERT_TRUE(writeAll(bus.proxyFd(0), frameMessage(0x1, false, {})));
+    SimulatedCanBus bus{fastConfig()};
+
+    /// Starts the bus and writes A's frames; false if a write failed.
+    bool start() {
+        bus.addNode(a.inputFd(), "A");
+        bus.addNode(b.inputFd(), "B");
+        bus.start();
+        for (unsigned i = 0; i < count; ++i) {
+            if (!writeAll(bus.proxyFd(0), frameMessage(0x1, false, {}))) {
+                return false;
+            }
+        }
+        return true;
     }
+};
+
+}  // namespace
+
+TEST(SimulatedCanBus, StopEndsABusWaitingForRoomInAFullInput) {
+    // stop() must end a bus that waits for room in B's full input.
+    HeldUpByAFullInput rig;
+    SimulatedCanBus& bus = rig.bus;
+    const unsigned count = HeldUpByAFullInput::count;
+    ASSERT_TRUE(rig.start());
     ASSERT_TRUE(
         qbtest::waitUntil([&] { return bus.statistics().nodes[1].framesReceived >= 1800; }, 5s))
         << bus.statistics().nodes[1].framesReceived;
@@ -626,15 +645,11 @@ TEST(SimulatedCanBus, FastModeReportsFramesBeingWrittenApartFromTheCountedOnes) 
     // them once written. While B's full input holds a batch up, those frames have left the bus
     // but are not counted: the statistics show them as being delivered, so that a reader can
     // tell counts that are complete from counts that are not.
-    const unsigned count = 4000;
-    Endpoint a, b;
-    SimulatedCanBus bus(fastConfig());
-    bus.addNode(a.inputFd(), "A");
-    bus.addNode(b.inputFd(), "B");
-    bus.start();
-    for (unsigned i = 0; i < count; ++i) {
-        ASSERT_TRUE(writeAll(bus.proxyFd(0), frameMessage(0x1, false, {})));
-    }
+    HeldUpByAFullInput rig;
+    SimulatedCanBus& bus = rig.bus;
+    Endpoint& b = rig.b;
+    const unsigned count = HeldUpByAFullInput::count;
+    ASSERT_TRUE(rig.start());
     SimulatedCanBus::Statistics held;
     ASSERT_TRUE(qbtest::waitUntil(
         [&] {

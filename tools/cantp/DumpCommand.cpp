@@ -32,11 +32,17 @@
 
 namespace {
 
+/// The identifier of a received frame, without its flags; `extended` says whether it has 29 bits.
+uint32_t identifierOf(const canfd_frame& frame, bool& extended) {
+    extended = (frame.can_id & CAN_EFF_FLAG) != 0;
+    return frame.can_id & (extended ? CAN_EFF_MASK : CAN_SFF_MASK);
+}
+
 /// The candump line of a received frame of `bytes` bytes, time stamp in `ts`.
 std::string lineOf(const canfd_frame& frame, size_t bytes, const timespec& ts,
                    const std::string& iface) {
-    const bool extended = (frame.can_id & CAN_EFF_FLAG) != 0;
-    const uint32_t id = frame.can_id & (extended ? CAN_EFF_MASK : CAN_SFF_MASK);
+    bool extended = false;
+    const uint32_t id = identifierOf(frame, extended);
     const uint32_t usec = static_cast<uint32_t>(ts.tv_nsec / 1000);
     if (bytes == CAN_MTU && (frame.can_id & CAN_RTR_FLAG) == 0) {
         return CandumpLine::format(static_cast<int64_t>(ts.tv_sec), usec, iface, id, extended,
@@ -138,7 +144,7 @@ int DumpCommand::run(int argc, char** argv, int first) {
     // when the dump is killed; a write that fails ends the dump (exit 1) rather than leaving a
     // capture that silently lacks frames.
     bool captureFailed = false;
-    auto capturePending = [&]() {
+    auto captureWrittenThrough = [&]() {
         if (!pcap || captureFailed) {
             return !captureFailed;
         }
@@ -217,15 +223,15 @@ int DumpCommand::run(int argc, char** argv, int first) {
             }
             decoder.addLine(lineOf(frame, static_cast<size_t>(got), ts, iface));
             if (pcap && isClassicDataFrame(frame, static_cast<size_t>(got))) {
-                const bool extended = (frame.can_id & CAN_EFF_FLAG) != 0;
+                bool extended = false;
+                const uint32_t id = identifierOf(frame, extended);
                 pcap->write(static_cast<int64_t>(ts.tv_sec),
-                            static_cast<uint32_t>(ts.tv_nsec / 1000),
-                            frame.can_id & (extended ? CAN_EFF_MASK : CAN_SFF_MASK), extended,
-                            frame.data, std::min<uint8_t>(frame.len, CAN_MAX_DLEN));
+                            static_cast<uint32_t>(ts.tv_nsec / 1000), id, extended, frame.data,
+                            std::min<uint8_t>(frame.len, CAN_MAX_DLEN));
             }
         }
         out.flush();
-        if (!capturePending()) {
+        if (!captureWrittenThrough()) {
             failed = true;
         }
         if (failed) {
@@ -235,7 +241,7 @@ int DumpCommand::run(int argc, char** argv, int first) {
     }
     decoder.finish();
     out.flush();
-    if (!capturePending()) {
+    if (!captureWrittenThrough()) {
         status = 1;
     }
     return status;
